@@ -1,0 +1,122 @@
+#include "host/Log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <ctime>
+#include <mutex>
+
+namespace Plexum {
+namespace {
+
+std::atomic<unsigned> g_minLevel{3};
+
+std::mutex& SinkMutex() {
+    static std::mutex mutex;
+    return mutex;
+}
+std::shared_ptr<LogSink>& Sink() {
+    static std::shared_ptr<LogSink> sink;
+    return sink;
+}
+
+const char* LevelName(unsigned level) {
+    switch (level) {
+        case 0: return "FATAL";
+        case 1: return "ERROR";
+        case 2: return "WARN";
+        case 3: return "INFO";
+        default: return "TRACE";
+    }
+}
+
+bool MakeParents(const std::string& path, std::string& error) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string dir = path.substr(0, slash);
+        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            error = "cannot create log directory " + dir + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+std::shared_ptr<FileLogSink> FileLogSink::Open(const std::string& path, std::string& error) {
+    if (path.empty()) {
+        error = "empty log file name";
+        return nullptr;
+    }
+    if (!MakeParents(path, error)) return nullptr;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        error = "cannot open log file " + path + ": " + std::strerror(errno);
+        return nullptr;
+    }
+    return std::shared_ptr<FileLogSink>(new FileLogSink(fd));
+}
+
+FileLogSink::~FileLogSink() { ::close(m_fd); }
+
+void FileLogSink::Write(const LogRecord& record) {
+    using namespace std::chrono;
+    const auto now = system_clock::now();
+    const std::time_t seconds = system_clock::to_time_t(now);
+    const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    char fraction[8];
+    std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>(millis));
+
+    std::string line;
+    line.reserve(64 + record.source.size() + record.text.size());
+    line.append(stamp).append(fraction).append(" ").append(LevelName(record.level)).append(" ");
+    line.append(record.source).append(":").append(std::to_string(record.line)).append(" ");
+    line.append(record.text).append("\n");
+    // One write per record keeps records whole when several processes share the file.
+    const char* data = line.data();
+    size_t left = line.size();
+    while (left > 0) {
+        const ssize_t written = ::write(m_fd, data, left);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return;  // a full disk must not stop the command
+        data += written;
+        left -= static_cast<size_t>(written);
+    }
+}
+
+Log::Log(unsigned level, const char* source, int line) : m_level(level), m_source(source), m_line(line) {}
+
+Log::~Log() {
+    if (m_level > GetMinLogLevel()) return;
+    std::shared_ptr<LogSink> sink;
+    {
+        std::lock_guard<std::mutex> lock(SinkMutex());
+        sink = Sink();
+    }
+    if (!sink) return;
+    try {
+        sink->Write(LogRecord{m_level, m_source ? m_source : "", m_line, m_stream.str()});
+    } catch (...) {
+        // Logging never takes the command down.
+    }
+}
+
+unsigned Log::GetMinLogLevel() { return g_minLevel.load(std::memory_order_relaxed); }
+
+void Log::SetMinLogLevel(unsigned level) { g_minLevel.store(level, std::memory_order_relaxed); }
+
+void Log::SetSink(std::shared_ptr<LogSink> sink) {
+    std::lock_guard<std::mutex> lock(SinkMutex());
+    Sink() = std::move(sink);
+}
+
+}  // namespace Plexum
