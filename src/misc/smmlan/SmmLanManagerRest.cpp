@@ -1,1 +1,234 @@
-// placeholder: being written
+#include "misc/smmlan/SmmLanManagerRest.h"
+
+#include <rapidjson/document.h>
+
+#include <boost/format.hpp>
+#include <sstream>
+
+#include "common/result/ResultCodes.h"
+#include "host/ConsoleReport.h"
+#include "host/Log.h"
+
+const std::string kSmmChassisResourcePath = "/redfish/v1/Chassis/2";
+
+namespace {
+
+// The source text that this manager's log records and console lines carry.
+constexpr char kLogSource[] = "Src/Misc/SmmLan/SmmLanManagerrest";
+
+constexpr char kSupportedText[] = "The system is support enable ipmi or lan over rest";
+constexpr char kErrorMsgPrefix[] = "    Error msg: ";
+constexpr char kEnableBanner[] = "************Enable Result************";
+constexpr char kQueryBanner[] = "************Query Result************";
+
+// Replies come from the network: the iterative parser keeps deeply nested
+// input off the call stack, so a hostile body cannot overflow it. Otherwise
+// the default flags apply.
+constexpr unsigned kParseFlags = rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag;
+
+bool ParseBody(const std::string& body, rapidjson::Document& document) {
+    document.Parse<kParseFlags>(body.c_str());
+    return !document.HasParseError();
+}
+
+// FindMember is a linear scan in document order that stops at the first
+// match, so the first of several members with the same name wins.
+const rapidjson::Value* FindMember(const rapidjson::Value& object, const char* name) {
+    const auto member = object.FindMember(name);
+    return member == object.MemberEnd() ? nullptr : &member->value;
+}
+
+// The vendor object Oem -> Qarvon, or null when the root is not an object or
+// either level is missing or not an object.
+const rapidjson::Value* FindVendorObject(const rapidjson::Document& document) {
+    if (!document.IsObject()) return nullptr;
+    const rapidjson::Value* oem = FindMember(document, "Oem");
+    if (oem == nullptr || !oem->IsObject()) return nullptr;
+    const rapidjson::Value* vendor = FindMember(*oem, "Qarvon");
+    if (vendor == nullptr || !vendor->IsObject()) return nullptr;
+    return vendor;
+}
+
+// The boolean member `name` of `object`, or null when absent or of another type.
+const rapidjson::Value* FindBool(const rapidjson::Value& object, const char* name) {
+    const rapidjson::Value* value = FindMember(object, name);
+    return value != nullptr && value->IsBool() ? value : nullptr;
+}
+
+}  // namespace
+
+SmmLanManagerRest::SmmLanManagerRest(Plexum::PlexumConnection::ConnectionInfo* connection)
+    : m_connection(connection),
+      m_url(),
+      m_lanEnabled(false),
+      m_ipmiEnabled(false),
+      m_smmIp(),
+      m_response(-1, -1, std::string()),
+      m_client() {
+    Initialize();
+}
+
+SmmLanManagerRest::~SmmLanManagerRest() = default;
+
+void SmmLanManagerRest::Initialize() {
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Entering  " << "SmmLanManagerRest::Initialize";
+
+    std::string host = m_connection->address;
+    if (m_connection->addressType == Plexum::PlexumConnection::kAddressTypeIpv6) {
+        host = "[" + host + "]";
+    }
+    m_url = (boost::format("https://%s:%d") % host % m_connection->port).str() + kSmmChassisResourcePath;
+    PLEXUM_LOG(3, kLogSource, __LINE__) << "url:" << m_url;
+
+    m_client = std::make_shared<Rest::RedfishClient>();
+    m_client->SetInsecure(true);
+    m_client->SetCredentials(m_connection->username, m_connection->password);
+    m_client->SetTimeout(60);
+    m_client->SetFollowRedirects(true, -1);
+    m_client->SetHeader("Content-Type", "application/json");
+    m_client->SetHeader("Expect", "");
+    m_client->SetHeader("If-None-Match", "0");
+
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Exiting  " << "SmmLanManagerRest::Initialize";
+}
+
+bool SmmLanManagerRest::CheckIsSupportByRest() {
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Entering  " << "SmmLanManagerRest::CheckIsSupportByRest";
+
+    m_response = m_client->Get(m_url);
+    if (CheckResponse(m_response) != RESULT_SUCCEED) return false;
+
+    rapidjson::Document document;
+    if (!ParseBody(m_response.body, document)) return false;
+    const rapidjson::Value* vendor = FindVendorObject(document);
+    if (vendor == nullptr) return false;
+    const rapidjson::Value* lan = FindBool(*vendor, "LANEnabled");
+    if (lan == nullptr) return false;
+    m_lanEnabled = lan->IsTrue();
+    return true;
+}
+
+int32_t SmmLanManagerRest::CheckResponse(const Rest::Response& reply) {
+    if (reply.curlCode != CURLE_OK) {
+        switch (reply.curlCode) {
+            case CURLE_OPERATION_TIMEDOUT:
+                return RESULT_TIMEOUT;
+            case CURLE_SSL_CERTPROBLEM:
+            case CURLE_PEER_FAILED_VERIFICATION:
+            case CURLE_SSL_CACERT_BADFILE:
+            case CURLE_SSL_INVALIDCERTSTATUS:
+                return RESULT_CONNECTION_FAILED;
+            default:
+                return RESULT_GENERIC_FAILURE;
+        }
+    }
+    // The status is the stored reply's (every caller passes that one); one
+    // unsigned comparison covers 200..299 and sends negatives far above 99.
+    if (static_cast<uint32_t>(m_response.httpCode) - 200u <= 99u) {
+        PLEXUM_LOG(3, kLogSource, __LINE__) << kSupportedText;
+        return RESULT_SUCCEED;
+    }
+    PLEXUM_LOG(1, kLogSource, __LINE__) << kErrorMsgPrefix << reply.body;
+    return RESULT_INTERNAL_ERROR;
+}
+
+int32_t SmmLanManagerRest::Enable(const std::string& key, const std::string& value) {
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Entering  " << "SmmLanManagerRest::Enable";
+    const int32_t result = update(key, value);
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Exiting  " << "SmmLanManagerRest::Enable";
+    return result;
+}
+
+int32_t SmmLanManagerRest::Disable(const std::string& key, const std::string& value) {
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Entering  " << "SmmLanManagerRest::Disable";
+    const int32_t result = update(key, value);
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Exiting  " << "SmmLanManagerRest::Disable";
+    return result;
+}
+
+int32_t SmmLanManagerRest::update(const std::string& key, const std::string& value) {
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Entering  " << "SmmLanManagerRest::update";
+
+    const std::string feature = key == "LANEnabled" ? "LAN" : "IPMI";
+
+    if (key == "IPMIEnabled") {
+        // IPMI over LAN rides on the SMM network: refuse while that is off,
+        // judged by the chassis resource as the probe read it.
+        rapidjson::Document document;
+        if (ParseBody(m_response.body, document)) {
+            if (const rapidjson::Value* vendor = FindVendorObject(document)) {
+                if (const rapidjson::Value* lan = FindBool(*vendor, "LANEnabled")) {
+                    m_lanEnabled = lan->IsTrue();
+                }
+            }
+        }
+        if (!m_lanEnabled) {
+            PLEXUM_LOG(3, kLogSource, __LINE__) << "smmlan_status: " << static_cast<int>(m_lanEnabled);
+            ConsoleReport(3, kLogSource, __LINE__).Stream() << "Enable SMM " << feature << " failed.";
+            ConsoleReport(3, kLogSource, __LINE__).Stream()
+                << kErrorMsgPrefix << "the SMM LAN is disable, can not enable ipmi via SMM LAN \n";
+            return RESULT_GENERIC_FAILURE;
+        }
+    }
+
+    // Written by hand, not serialised: the controller expects these exact bytes,
+    // including the blank in front of the member name.
+    std::ostringstream bodyStream;
+    bodyStream << "{\"Oem\":" << ' ' << '{' << "\"Qarvon\":" << ' ' << '{' << " \" " << key << "\" : " << value
+               << "}}}";
+    const std::string body = bodyStream.str();
+    PLEXUM_LOG(3, kLogSource, __LINE__) << "post body:" << body;
+
+    m_response = m_client->Patch(m_url, body);
+    PLEXUM_LOG(3, kLogSource, __LINE__) << "curl code:" << m_response.curlCode << " status code:"
+                                        << m_response.httpCode << " return msg: " << m_response.body;
+
+    ConsoleReport(3, kLogSource, __LINE__).Stream() << kEnableBanner << '\n';
+    const int32_t result = CheckResponse(m_response);
+    if (result == RESULT_SUCCEED) {
+        PLEXUM_LOG(1, kLogSource, __LINE__) << "redfish Enable Smm request success";
+        ConsoleReport(3, kLogSource, __LINE__).Stream() << "Enable SMM " << feature << " succeeded";
+    } else {
+        ConsoleReport(3, kLogSource, __LINE__).Stream() << "Enable SMM " << feature << " failed.";
+        ConsoleReport(3, kLogSource, __LINE__).Stream() << kErrorMsgPrefix << m_response.body;
+    }
+    ConsoleReport(3, kLogSource, __LINE__).Stream() << '\n' << kEnableBanner;
+    return result;
+}
+
+int32_t SmmLanManagerRest::Query() {
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Entering  " << "SmmLanManagerRest::Query";
+    const int32_t result = RESULT_SUCCEED;
+    PLEXUM_LOG(3, kLogSource, __LINE__) << kSupportedText;
+    ConsoleReport(3, kLogSource, __LINE__).Stream() << kQueryBanner << '\n';
+
+    // No request of its own: the probe's reply is the state to report.
+    rapidjson::Document document;
+    if (!ParseBody(m_response.body, document)) {
+        PLEXUM_LOG(1, kLogSource, __LINE__) << kErrorMsgPrefix << m_response.body;
+        ConsoleReport(3, kLogSource, __LINE__).Stream() << "Query SMM network status failed.";
+        return RESULT_SUCCEED;
+    }
+
+    if (const rapidjson::Value* vendor = FindVendorObject(document)) {
+        if (const rapidjson::Value* lan = FindBool(*vendor, "LANEnabled")) m_lanEnabled = lan->IsTrue();
+        if (const rapidjson::Value* ipmi = FindBool(*vendor, "IPMIEnabled")) m_ipmiEnabled = ipmi->IsTrue();
+        const rapidjson::Value* ip = FindMember(*vendor, "IPv4");
+        if (ip != nullptr && ip->IsString()) m_smmIp = ip->GetString();  // up to the first NUL
+
+        const char* status = !m_lanEnabled   ? "SMM network and IPMI over LAN disabled"
+                             : m_ipmiEnabled ? "SMM network and IPMI over LAN enabled"
+                                             : "SMM network over LAN enabled and IPMI over LAN disabled";
+        ConsoleReport(3, kLogSource, __LINE__).Stream() << "Query SMM network status succeeded";
+        ConsoleReport(3, kLogSource, __LINE__).Stream() << "    Status: " << status;
+        if (!m_smmIp.empty()) {
+            ConsoleReport(3, kLogSource, __LINE__).Stream() << "    SMM IP: " << m_smmIp << '\n';
+        } else {
+            ConsoleReport(3, kLogSource, __LINE__).Stream() << "Get SMM ip failed\n";
+        }
+    }
+
+    ConsoleReport(3, kLogSource, __LINE__).Stream() << kQueryBanner << '\n';
+    PLEXUM_LOG(4, kLogSource, __LINE__) << "Exiting  " << "SmmLanManagerRest::Query";
+    return result;
+}
