@@ -1,1 +1,167 @@
-// placeholder: being written
+#include "common/rest/RedfishClient.h"
+
+#include <chrono>
+#include <thread>
+#include <utility>
+
+#include "host/GlobalConfig.h"
+#include "host/Log.h"
+
+namespace Rest {
+namespace {
+
+// The source text that this client's log records carry.
+constexpr const char* kLogSource = "src/common/rest/RedfishClient";
+constexpr int kRetryLogLine = 33;
+constexpr int kGetLogLine = 108;
+
+constexpr int32_t kDefaultStartupWaitSeconds = 180;
+constexpr int64_t kPollIntervalMilliseconds = 5000;
+
+// Seconds configured for the start-up wait; 0 means not read yet. Process-wide,
+// unlocked: a race on first use can only read the key twice.
+int32_t g_startupWaitSeconds = 0;
+
+std::function<void(int64_t)>& SleepHook() {
+    static std::function<void(int64_t)> hook;
+    return hook;
+}
+
+std::function<int64_t()>& ClockHook() {
+    static std::function<int64_t()> hook;
+    return hook;
+}
+
+void SleepMilliseconds(int64_t milliseconds) {
+    if (SleepHook())
+        SleepHook()(milliseconds);
+    else
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+}
+
+int64_t MonotonicNanoseconds() {
+    if (ClockHook()) return ClockHook()();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+StartupWaitPolicy CurrentStartupWaitPolicy() {
+    if (g_startupWaitSeconds == 0)
+        g_startupWaitSeconds = Plexum::GetGlobalConfigValue("REDFISH_STARTUP_WAIT_TIME", kDefaultStartupWaitSeconds);
+    return StartupWaitPolicy{static_cast<int64_t>(g_startupWaitSeconds) * 1000, kPollIntervalMilliseconds};
+}
+
+// Only "503 with a completed transfer" means the service is still starting.
+bool IsNotServiceUnavailable(const Response& response) {
+    if (response.curlCode != 0 || response.httpCode != 503) return true;
+    PLEXUM_LOG(4, kLogSource, kRetryLogLine) << "curlCode: " << response.curlCode
+                                             << " | httpCode: " << response.httpCode << " | body: " << response.body;
+    return false;
+}
+
+template <typename Predicate, typename Operation>
+Response RetryUntil(const StartupWaitPolicy& policy, Predicate accept, Operation attempt) {
+    Response result(-1, -1, std::string());
+    const int64_t start = MonotonicNanoseconds();
+    for (;;) {
+        result = attempt();
+        if (accept(result)) return result;
+        // Checked after each attempt, so the last one may start just before the limit.
+        if (policy.totalWaitMilliseconds * 1000000 < MonotonicNanoseconds() - start) return result;
+        SleepMilliseconds(policy.pollIntervalMilliseconds);
+    }
+}
+
+}  // namespace
+
+void RedfishClient::SetSleepFunction(std::function<void(int64_t milliseconds)> sleep) { SleepHook() = std::move(sleep); }
+
+void RedfishClient::SetClockFunction(std::function<int64_t()> nanoseconds) { ClockHook() = std::move(nanoseconds); }
+
+void RedfishClient::ResetStartupWaitCache() { g_startupWaitSeconds = 0; }
+
+void RedfishClient::SetCredentials(const std::string& username, const std::string& password) {
+    m_client.SetCredentials(username, password);
+}
+
+void RedfishClient::SetTimeout(int32_t seconds) { m_client.SetTimeout(seconds); }
+
+void RedfishClient::SetInsecure(bool insecure) { m_client.SetInsecure(insecure); }
+
+void RedfishClient::SetDisableExpect(bool disable) { m_client.SetDisableExpect(disable); }
+
+void RedfishClient::SetFollowRedirects(bool follow, int32_t maxRedirects) {
+    m_client.SetFollowRedirects(follow, maxRedirects);
+}
+
+void RedfishClient::SetCaInfo(const std::string& path) { m_client.SetCaInfo(path); }
+
+void RedfishClient::SetProxy(const std::string& url, const std::string& username, const std::string& password) {
+    m_client.SetProxy(url, username, password);
+}
+
+void RedfishClient::SetHeaders(HeaderMap headers) { m_client.SetHeaders(std::move(headers)); }
+
+HeaderMap RedfishClient::GetHeaders() { return m_client.GetHeaders(); }
+
+std::string& RedfishClient::SetHeader(const std::string& name, const std::string& value) {
+    return m_client.SetHeader(name, value);
+}
+
+int32_t RedfishClient::EnableGzip() { return m_client.EnableGzip(); }
+
+int32_t RedfishClient::ClassifyResponse(const Response& response) const { return m_client.ClassifyResponse(response); }
+
+Response RedfishClient::Request(RequestType type, const std::string& url, const std::string& body) {
+    return m_client.Request(type, url, body);
+}
+
+Response RedfishClient::Get(const std::string& url) {
+    PLEXUM_LOG(4, kLogSource, kGetLogLine) << "Redfish GET action on URL: " << url;
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Get(url); });
+}
+
+Response RedfishClient::PostMime(const std::string& url, const MimeParts& parts, ProgressCallback progress) {
+    Response response = RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable,
+                                   [&] { return m_client.PostMime(url, parts, progress); });
+    progress = ProgressCallback();
+    return response;
+}
+
+Response RedfishClient::Post(const std::string& url, std::istream& body) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Post(url, body); });
+}
+
+Response RedfishClient::Post(const std::string& url, const std::string& body) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Post(url, body); });
+}
+
+Response RedfishClient::Put(const std::string& url, std::istream& body) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Put(url, body); });
+}
+
+Response RedfishClient::Put(const std::string& url, const std::string& body) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Put(url, body); });
+}
+
+Response RedfishClient::Patch(const std::string& url, std::istream& body) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Patch(url, body); });
+}
+
+Response RedfishClient::Patch(const std::string& url, const std::string& body) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Patch(url, body); });
+}
+
+Response RedfishClient::Delete(const std::string& url) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Delete(url); });
+}
+
+Response RedfishClient::Head(const std::string& url) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Head(url); });
+}
+
+Response RedfishClient::Options(const std::string& url) {
+    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Options(url); });
+}
+
+}  // namespace Rest

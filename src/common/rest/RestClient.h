@@ -1,0 +1,103 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <istream>
+#include <map>
+#include <string>
+
+#include "common/rest/RestClientInterface.h"
+
+namespace Rest {
+
+// The libcurl implementation of RestClientInterface: one easy handle per client.
+// Settings live in fields and are applied on every request; each request resets
+// the handle at its end, so per-request options never leak into the next one,
+// while libcurl's connection cache and cookie store are kept.
+// One thread at a time; not copyable.
+class RestClient : public RestClientInterface {
+public:
+    // Cap on the in-memory body when the configuration names none.
+    static constexpr size_t kDefaultMaxBodyBytes = 256u * 1024u * 1024u;
+
+    // Throws std::runtime_error("Couldn't initialize curl handle") when libcurl yields no handle.
+    RestClient();
+    ~RestClient() override;
+    RestClient(const RestClient&) = delete;
+    RestClient& operator=(const RestClient&) = delete;
+
+    void SetCredentials(const std::string& username, const std::string& password) override;
+    void SetTimeout(int32_t seconds) override;
+    void SetInsecure(bool insecure) override;
+    void SetDisableExpect(bool disable) override;
+    void SetFollowRedirects(bool follow, int32_t maxRedirects) override;
+    void SetCaInfo(const std::string& path) override;
+    void SetProxy(const std::string& url, const std::string& username, const std::string& password) override;
+    void SetHeaders(HeaderMap headers) override;
+    HeaderMap GetHeaders() override;
+    std::string& SetHeader(const std::string& name, const std::string& value) override;
+    int32_t EnableGzip() override;
+
+    Response Request(RequestType type, const std::string& url, const std::string& body) override;
+    Response Get(const std::string& url) override;
+    Response PostMime(const std::string& url, const MimeParts& parts, ProgressCallback progress) override;
+    Response Post(const std::string& url, std::istream& body) override;
+    Response Post(const std::string& url, const std::string& body) override;
+    Response Put(const std::string& url, std::istream& body) override;
+    Response Put(const std::string& url, const std::string& body) override;
+    Response Patch(const std::string& url, std::istream& body) override;
+    Response Patch(const std::string& url, const std::string& body) override;
+    Response Delete(const std::string& url) override;
+    Response Head(const std::string& url) override;
+    Response Options(const std::string& url) override;
+
+    int32_t ClassifyResponse(const Response& response) const override;
+
+    // Settings that the interface does not reach.
+    void SetUserAgent(const std::string& userAgent) { m_userAgent = userAgent; }
+    void SetSslCert(const std::string& path) { m_sslCert = path; }
+    void SetSslCertType(const std::string& type) { m_sslCertType = type; }
+    void SetSslKey(const std::string& path) { m_sslKey = path; }
+    void SetKeyPassword(const std::string& password) { m_keyPassword = password; }
+    void SetCookieList(const std::string& cookies) { m_cookieList = cookies; }
+    // Not owned; null sends the body to Response::body again.
+    void SetOutputFile(FILE* file) { m_outputFile = file; }
+    // Past this many bytes the in-memory body ends the transfer with CURLE_WRITE_ERROR.
+    void SetMaxBodyBytes(size_t bytes) { m_maxBodyBytes = bytes; }
+
+    const std::string& GetProxy() const { return m_proxy; }
+    const std::string& GetProxyUsername() const { return m_proxyUsername; }
+    const std::string& GetProxyPassword() const { return m_proxyPassword; }
+    size_t GetMaxBodyBytes() const { return m_maxBodyBytes; }
+
+private:
+    Response Perform(const std::string& url);
+    void SetStreamBody(std::istream& body);
+
+    CURL* m_handle;
+    HeaderMap m_headers;
+    int32_t m_timeout = -1;
+    bool m_followRedirects = false;
+    bool m_insecure = false;
+    bool m_disableExpect = false;
+    int32_t m_maxRedirects = -1;
+    std::string m_username;
+    std::string m_password;
+    std::string m_userAgent = "KVRA_MORVEL";
+    std::string m_caInfo;
+    std::string m_sslCert;
+    std::string m_sslCertType;
+    std::string m_sslKey;
+    std::string m_keyPassword;
+    std::string m_proxy;
+    std::string m_proxyUsername;
+    std::string m_proxyPassword;
+    std::string m_cookieList;
+    bool m_gzip = false;
+    FILE* m_outputFile = nullptr;
+    size_t m_maxBodyBytes = kDefaultMaxBodyBytes;
+};
+
+}  // namespace Rest
