@@ -99,7 +99,11 @@ int GetGlobalConfigValue(const std::string& key, int defaultValue) {
     int parsed = 0;
     const char* begin = number.data();
     const char* end = begin + number.size();
-    if (!number.empty() && *begin == '+') ++begin;
+    if (!number.empty() && *begin == '+') {
+        ++begin;
+        // from_chars takes its own '-', so "+-5" would otherwise pass as -5.
+        if (begin == end || *begin == '-') return defaultValue;
+    }
     const auto [stop, status] = std::from_chars(begin, end, parsed);
     if (number.empty() || status != std::errc() || stop != end) return defaultValue;
     return parsed;

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace MorvelCli {
+
+enum class Action {
+    Run,          // load the command's module and run it
+    HostHelp,     // morvel --help
+    CommandHelp,  // morvel COMMAND ... --help
+    Version,      // morvel --version
+};
+
+// The command line as words, before anything is looked up or opened.
+struct CommandLine {
+    Action action = Action::Run;
+
+    bool hasConfig = false;
+    std::string config;
+    bool hasLogFile = false;
+    std::string logFile;
+    unsigned logLevel = 3;
+    bool hasPasswordFile = false;
+    std::string passwordFile;
+
+    std::string command;
+    size_t commandIndex = 0;  // index of the command word in the given words
+    std::string subCommand;
+    std::map<std::string, std::string> options;
+
+    // The password file from the host option or, failing that, from the
+    // command's options; empty when neither was given.
+    std::string PasswordFile() const;
+};
+
+struct CommandLineError {
+    std::string message;  // one line, without the "morvel: " prefix
+    int exitStatus = 0;
+};
+
+// Exit statuses of command-line mistakes: a missing or unknown command word is
+// an invalid command, anything wrong with an option an invalid parameter.
+constexpr int kExitInvalidCommand = 4;
+constexpr int kExitInvalidParameter = 5;
+constexpr int kExitInternalError = 17;
+
+// `words` is argv as given, program name first. Grammar:
+//   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE]...
+// A separate VALUE may not begin with "--" (write --name=VALUE for that); an
+// option may be given once. Error texts never quote a value.
+bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error);
+
+// The text with bytes that would garble a terminal line replaced by '?'.
+std::string Printable(const std::string& text);
+
+}  // namespace MorvelCli

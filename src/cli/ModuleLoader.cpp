@@ -1,0 +1,96 @@
+#include "cli/ModuleLoader.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "cli/CommandLine.h"
+
+namespace MorvelCli {
+namespace {
+
+std::string DirectoryOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    if (slash == 0) return "/";
+    return path.substr(0, slash);
+}
+
+}  // namespace
+
+std::string ModuleDirectory(const char* environment, const std::string& executablePath) {
+    if (environment != nullptr && environment[0] != '\0') return environment;
+    if (executablePath.empty()) return std::string();
+    const std::string prefix = DirectoryOf(DirectoryOf(executablePath));
+    return (prefix == "/" ? std::string() : prefix) + "/lib/morvel";
+}
+
+std::string ExecutablePath() {
+    char buffer[PATH_MAX + 1];
+    const ssize_t length = ::readlink("/proc/self/exe", buffer, PATH_MAX);
+    if (length <= 0) return std::string();
+    return std::string(buffer, static_cast<size_t>(length));
+}
+
+std::string ModuleFileName(const std::string& command) { return "libmorvel_" + command + ".so"; }
+
+bool IsValidCommandWord(const std::string& command) {
+    if (command.empty() || command.size() > 64) return false;
+    for (const char c : command) {
+        const bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+                        c == '-';
+        if (!ok) return false;
+    }
+    return true;
+}
+
+bool ModuleLoader::Load(const std::string& directory, const std::string& command, Failure& failure) {
+    if (!IsValidCommandWord(command)) {
+        failure.exitStatus = kExitInvalidCommand;
+        failure.message = "unknown command '" + Printable(command) + "'; run 'morvel --help' for the commands";
+        return false;
+    }
+    if (directory.empty()) {
+        failure.exitStatus = kExitInternalError;
+        failure.message = "cannot tell where the command modules are; set MORVEL_MODULE_PATH";
+        return false;
+    }
+    m_path = directory + "/" + ModuleFileName(command);
+    struct stat status {};
+    if (::stat(m_path.c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) {
+            failure.exitStatus = kExitInvalidCommand;
+            failure.message = "unknown command '" + command + "' (no module " + m_path + ")";
+        } else {
+            failure.exitStatus = kExitInternalError;
+            failure.message = "cannot load module " + m_path + ": " + std::strerror(errno);
+        }
+        return false;
+    }
+    void* const handle = ::dlopen(m_path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (handle == nullptr) {
+        const char* const error = ::dlerror();
+        std::string reason = error != nullptr ? error : "unknown error";
+        // dlerror() usually starts with the file name, which the message already has.
+        if (reason.compare(0, m_path.size() + 2, m_path + ": ") == 0) reason.erase(0, m_path.size() + 2);
+        failure.exitStatus = kExitInternalError;
+        failure.message = "cannot load module " + m_path + ": " + Printable(reason);
+        return false;
+    }
+    ::dlerror();
+    void* const symbol = ::dlsym(handle, "create_instance");
+    if (symbol == nullptr) {
+        failure.exitStatus = kExitInternalError;
+        failure.message = "module " + m_path + " does not export create_instance";
+        ::dlclose(handle);
+        return false;
+    }
+    m_create = reinterpret_cast<CreateInstanceFunction>(symbol);
+    return true;
+}
+
+}  // namespace MorvelCli

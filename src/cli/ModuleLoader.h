@@ -1,0 +1,45 @@
+#pragma once
+
+#include <string>
+
+#include "host/basic_app.h"
+
+namespace MorvelCli {
+
+// The directory the command modules are looked up in: MORVEL_MODULE_PATH
+// when set and not empty, else <prefix>/lib/morvel where <prefix> is the
+// directory above the executable's own.
+std::string ModuleDirectory(const char* environment, const std::string& executablePath);
+
+// The running executable (readlink /proc/self/exe); empty when unknown.
+std::string ExecutablePath();
+
+// "libmorvel_" COMMAND ".so".
+std::string ModuleFileName(const std::string& command);
+
+// Command words are letters, digits, '_' and '-': nothing that could leave the
+// module directory.
+bool IsValidCommandWord(const std::string& command);
+
+// Finds, opens and resolves one command module. The library stays loaded
+// until the process ends: objects and exception types it made may outlive
+// the application object.
+class ModuleLoader {
+public:
+    struct Failure {
+        std::string message;  // one line, without the "morvel: " prefix
+        int exitStatus = 0;
+    };
+
+    bool Load(const std::string& directory, const std::string& command, Failure& failure);
+
+    const std::string& Path() const { return m_path; }
+    // A new application object, or null when the module made none.
+    basic_app* CreateInstance() const { return m_create != nullptr ? m_create() : nullptr; }
+
+private:
+    std::string m_path;
+    CreateInstanceFunction m_create = nullptr;
+};
+
+}  // namespace MorvelCli
