@@ -1,0 +1,48 @@
+#include <chrono>
+
+#include "ManagerTest.h"
+#include "host/GlobalConfig.h"
+
+namespace smmlan_test {
+namespace {
+
+using RealSleepTest = ManagerTest;
+
+// Without a sleep function the manager really pauses the calling thread for
+// the configured interval.
+TEST_F(RealSleepTest, DefaultSleepPausesForTheConfiguredSeconds) {
+    Plexum::GlobalConfig::SetItem("SMM_NETWORK_CHECK_RETRY_COUNT", "1");
+    Plexum::GlobalConfig::SetItem("SMM_NETWORK_CHECK_SLEEP_TIME", "1");
+    SmmLanManager sleeping(&fake);
+    fake.QueueStatus(2);
+    fake.QueueReply(0, {});
+    fake.QueueStatus(2);
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sleeping.SetLanStatus(SMM_LAN_ENABLED), 1);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+
+    EXPECT_GE(elapsed, std::chrono::milliseconds(1000));
+    EXPECT_LT(elapsed, std::chrono::milliseconds(6000));
+    EXPECT_TRUE(sleeps.empty());
+    EXPECT_EQ(Err(), "Execute command to enable smm network success but wait status change timeout\n");
+}
+
+TEST_F(RealSleepTest, ZeroSecondsDoesNotPause) {
+    Plexum::GlobalConfig::SetItem("SMM_NETWORK_CHECK_RETRY_COUNT", "3");
+    Plexum::GlobalConfig::SetItem("SMM_NETWORK_CHECK_SLEEP_TIME", "0");
+    SmmLanManager sleeping(&fake);
+    fake.QueueStatus(2);
+    fake.QueueReply(0, {});
+    for (int i = 0; i < 3; ++i) fake.QueueStatus(2);
+
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(sleeping.SetLanStatus(SMM_LAN_ENABLED), 1);
+    const auto elapsed = std::chrono::steady_clock::now() - start;
+
+    EXPECT_LT(elapsed, std::chrono::milliseconds(900));
+    EXPECT_TRUE(sleeps.empty());
+}
+
+}  // namespace
+}  // namespace smmlan_test
