@@ -18,6 +18,11 @@ bool IsPseudoHeader(const std::string& name) {
     return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" || name == "LOCAL_PORT";
 }
 
+// httplib parses multipart bodies itself and hands no raw bytes to a content
+// reader; the request's type is parked under this name until it is recorded.
+const char kParkedContentType[] = "X-Recording-Parked-Content-Type";
+const char kStandInContentType[] = "application/x-recording-multipart";
+
 Reply NotScripted() { return Reply::Text(404, "not scripted"); }
 
 }  // namespace
@@ -41,7 +46,9 @@ RecordingHttpsServer::RecordingHttpsServer(Options options)
     : m_certificate(options.certificate ? options.certificate : TestCertificate::Shared()),
       m_ipv6(options.ipv6),
       m_defaultReply(NotScripted()) {
-    m_server = std::make_unique<httplib::SSLServer>(m_certificate->CertPath().c_str(), m_certificate->KeyPath().c_str());
+    m_server = std::make_unique<httplib::SSLServer>(
+        m_certificate->CertPath().c_str(), m_certificate->KeyPath().c_str(),
+        options.clientCaPath.empty() ? nullptr : options.clientCaPath.c_str());
     if (!m_server->is_valid()) throw std::runtime_error("recording HTTPS server: TLS set-up failed");
     m_server->set_keep_alive_max_count(options.keepAliveMaxCount);
     m_server->set_keep_alive_timeout(options.keepAliveTimeoutSeconds);
@@ -53,6 +60,18 @@ RecordingHttpsServer::RecordingHttpsServer(Options options)
     };
     auto reading = [this](const httplib::Request& request, httplib::Response& response,
                           const httplib::ContentReader& reader) { Handle(request, response, &reader); };
+    m_server->set_pre_routing_handler([](const httplib::Request& request, httplib::Response&) {
+        if (request.is_multipart_form_data()) {
+            // The request object is the server's own, non-const one.
+            auto& headers = const_cast<httplib::Request&>(request).headers;
+            auto type = headers.find("Content-Type");
+            const std::string original = type->second;
+            headers.erase(type);
+            headers.emplace("Content-Type", kStandInContentType);
+            headers.emplace(kParkedContentType, original);
+        }
+        return httplib::Server::HandlerResponse::Unhandled;
+    });
     m_server->Get(".*", plain);
     m_server->Options(".*", plain);
     m_server->Post(".*", reading);
@@ -143,8 +162,14 @@ void RecordingHttpsServer::Handle(const httplib::Request& request, httplib::Resp
     record.version = request.version;
     record.remoteAddr = request.remote_addr;
     record.remotePort = request.remote_port;
-    for (const auto& header : request.headers)
-        if (!IsPseudoHeader(header.first)) record.headers.emplace_back(header.first, header.second);
+    const std::string parked = request.get_header_value(kParkedContentType);
+    for (const auto& header : request.headers) {
+        if (IsPseudoHeader(header.first) || header.first == kParkedContentType) continue;
+        if (!parked.empty() && SameName(header.first, "Content-Type"))
+            record.headers.emplace_back(header.first, parked);
+        else
+            record.headers.emplace_back(header.first, header.second);
+    }
     if (reader) {
         (*reader)([&](const char* data, size_t length) {
             record.body.append(data, length);

@@ -76,6 +76,8 @@ public:
         std::shared_ptr<const TestCertificate> certificate;  // default: TestCertificate::Shared()
         size_t keepAliveMaxCount = 10000;
         time_t keepAliveTimeoutSeconds = 30;
+        // When set, clients must present a certificate issued by this CA file.
+        std::string clientCaPath;
     };
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 

@@ -75,7 +75,7 @@ TestCertificate::TestCertificate() {
     Check(X509_set_issuer_name(cert.get(), name) == 1, "issuer");
     AddExtension(cert.get(), NID_basic_constraints, "critical,CA:TRUE");
     AddExtension(cert.get(), NID_key_usage, "critical,digitalSignature,keyCertSign");
-    AddExtension(cert.get(), NID_ext_key_usage, "serverAuth");
+    AddExtension(cert.get(), NID_ext_key_usage, "serverAuth,clientAuth");
     AddExtension(cert.get(), NID_subject_key_identifier, "hash");
     AddExtension(cert.get(), NID_subject_alt_name, "IP:127.0.0.1,IP:::1,DNS:localhost");
     Check(X509_sign(cert.get(), key.get(), EVP_sha256()) > 0, "X509_sign");
@@ -85,13 +85,22 @@ TestCertificate::TestCertificate() {
         return PEM_write_bio_PrivateKey(bio, key.get(), nullptr, nullptr, 0, nullptr, nullptr);
     });
 
+    const std::string password = KeyPassword();
+    const std::string encryptedPem = ToPem([&](BIO* bio) {
+        return PEM_write_bio_PrivateKey(bio, key.get(), EVP_aes_256_cbc(),
+                                        reinterpret_cast<const unsigned char*>(password.data()),
+                                        static_cast<int>(password.size()), nullptr, nullptr);
+    });
+
     std::string pattern = (std::filesystem::temp_directory_path() / "morvel-cert-XXXXXX").string();
     Check(::mkdtemp(pattern.data()) != nullptr, "mkdtemp");
     m_dir = pattern;
     m_certPath = m_dir + "/cert.pem";
     m_keyPath = m_dir + "/key.pem";
     WriteFile(m_certPath, m_certPem);
+    m_encryptedKeyPath = m_dir + "/key-encrypted.pem";
     WriteFile(m_keyPath, keyPem);
+    WriteFile(m_encryptedKeyPath, encryptedPem);
 }
 
 TestCertificate::~TestCertificate() {

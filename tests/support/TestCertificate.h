@@ -6,7 +6,7 @@
 namespace MorvelTest {
 
 // A throw-away self-signed certificate (EC P-256, valid for 127.0.0.1, ::1 and
-// localhost) and its private key, made with the OpenSSL API and written as PEM
+// localhost, usable for server and client authentication) and its private key, made with the OpenSSL API and written as PEM
 // files into a fresh temporary directory that is removed again on destruction.
 // The certificate is its own issuer and marked as a CA, so CertPath() also
 // serves as the CA file a client trusts. Construction throws std::runtime_error
@@ -22,6 +22,9 @@ public:
     const std::string& CertPath() const { return m_certPath; }  // PEM certificate, also the CA file
     const std::string& KeyPath() const { return m_keyPath; }    // PEM private key, unencrypted
     const std::string& CertPem() const { return m_certPem; }
+    // The same key encrypted with AES-256 under KeyPassword().
+    const std::string& EncryptedKeyPath() const { return m_encryptedKeyPath; }
+    static const char* KeyPassword() { return "morvel-test-pass"; }
 
     // One certificate for the whole test process, made on first use.
     static std::shared_ptr<const TestCertificate> Shared();
@@ -30,6 +33,7 @@ private:
     std::string m_dir;
     std::string m_certPath;
     std::string m_keyPath;
+    std::string m_encryptedKeyPath;
     std::string m_certPem;
 };
 
