@@ -42,6 +42,9 @@ public:
     const std::shared_ptr<Rest::RedfishClient>& Client() const { return m_client; }
 
 private:
+    // Lets unit tests plant a stored reply that no real server can produce (e.g. status 199).
+    friend class SmmLanManagerRestTestPeer;
+
     Plexum::PlexumConnection::ConnectionInfo* m_connection;  // not owned
     std::string m_url;
     bool m_lanEnabled;

@@ -1,0 +1,13 @@
+# Fails unless MODULE defines exactly one dynamic symbol: create_instance.
+execute_process(COMMAND nm -D --defined-only ${MODULE}
+  OUTPUT_VARIABLE symbols RESULT_VARIABLE status ERROR_VARIABLE errors)
+if(NOT status EQUAL 0)
+  message(FATAL_ERROR "nm failed on ${MODULE}: ${errors}")
+endif()
+string(STRIP "${symbols}" symbols)
+string(REPLACE "\n" ";" lines "${symbols}")
+list(LENGTH lines count)
+if(NOT count EQUAL 1 OR NOT symbols MATCHES "^[0-9a-f]+ T create_instance$")
+  message(FATAL_ERROR "expected only 'T create_instance', nm -D --defined-only says:\n${symbols}")
+endif()
+message(STATUS "exports: ${symbols}")
