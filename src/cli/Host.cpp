@@ -33,7 +33,7 @@ const char* Environment(const char* name) {
 }
 
 int Fail(int exitStatus, const std::string& message) {
-    PLEXUM_LOG(1, kSource, __LINE__) << message << "; exit status " << exitStatus;
+    PLEXUM_LOG(1, kSource, __LINE__) << message << " (exit status " << exitStatus << ")";
     std::cerr << "morvel: " << message << std::endl;
     return exitStatus;
 }
@@ -158,7 +158,7 @@ int RunModule(const ModuleLoader& loader, const UserContext& context) {
     std::ostream& out = result == 0 ? std::cout : std::cerr;
     out << result << std::endl;
     const int status = ExitStatusForCode(result.code);
-    PLEXUM_LOG(3, kSource, __LINE__) << "result " << result << "; exit status " << status;
+    PLEXUM_LOG(3, kSource, __LINE__) << "result: " << result << " (exit status " << status << ")";
     return status;
 }
 
@@ -199,7 +199,7 @@ int RunHost(int argc, char** argv) {
             std::string text;
             if (!CommandHelpText(line.command, text)) {
                 return Fail(kExitInvalidCommand,
-                            "unknown command '" + Printable(line.command) + "'; run 'morvel --help' for the commands");
+                            "no help for command '" + Printable(line.command) + "'; run 'morvel --help' for the commands");
             }
             std::cout << text << std::flush;
             return 0;

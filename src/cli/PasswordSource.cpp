@@ -59,7 +59,7 @@ void Wipe(std::string& text) {
 int g_terminalFd = -1;
 termios g_savedTerminal;
 
-const int kPromptSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
+const int kPromptSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 extern "C" void RestoreTerminalAndReraise(int signalNumber) {
     if (g_terminalFd >= 0) ::tcsetattr(g_terminalFd, TCSANOW, &g_savedTerminal);
@@ -137,8 +137,9 @@ bool PasswordSource::Prompt(const std::string& terminal, const std::string& prom
         ::sigaction(kPromptSignals[i], &restore, &previous[i]);
     }
 
-    const bool ok = ::write(tty.Get(), prompt.data(), prompt.size()) == static_cast<ssize_t>(prompt.size()) &&
-                    ::tcsetattr(tty.Get(), TCSAFLUSH, &quiet) == 0;
+    // Echo goes off before the prompt shows, so nothing typed after it is echoed or discarded.
+    const bool ok = ::tcsetattr(tty.Get(), TCSAFLUSH, &quiet) == 0 &&
+                    ::write(tty.Get(), prompt.data(), prompt.size()) == static_cast<ssize_t>(prompt.size());
     int failure = ok ? 0 : errno;
     std::string line;
     int outcome = 0;

@@ -1,0 +1,193 @@
+#include "cli/CommandLine.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+using MorvelCli::Action;
+using MorvelCli::CommandLine;
+using MorvelCli::CommandLineError;
+using MorvelCli::ParseCommandLine;
+
+CommandLine Parse(std::vector<std::string> words) {
+    words.insert(words.begin(), "morvel");
+    CommandLine line;
+    CommandLineError error;
+    EXPECT_TRUE(ParseCommandLine(words, line, error)) << error.message;
+    return line;
+}
+
+CommandLineError ErrorOf(std::vector<std::string> words) {
+    words.insert(words.begin(), "morvel");
+    CommandLine line;
+    CommandLineError error;
+    EXPECT_FALSE(ParseCommandLine(words, line, error));
+    return error;
+}
+
+using Options = std::map<std::string, std::string>;
+
+TEST(CommandLine, CommandSubcommandAndOptions) {
+    const CommandLine line = Parse({"smmlan", "enable", "--bmc", "admin:pw@10.0.0.5", "--method=dhcp-failover"});
+    EXPECT_EQ(line.action, Action::Run);
+    EXPECT_EQ(line.command, "smmlan");
+    EXPECT_EQ(line.commandIndex, 1u);
+    EXPECT_EQ(line.subCommand, "enable");
+    EXPECT_EQ(line.options, (Options{{"bmc", "admin:pw@10.0.0.5"}, {"method", "dhcp-failover"}}));
+    EXPECT_FALSE(line.hasConfig);
+    EXPECT_FALSE(line.hasLogFile);
+    EXPECT_FALSE(line.hasPasswordFile);
+    EXPECT_EQ(line.logLevel, 3u);
+}
+
+TEST(CommandLine, SubcommandAndValuesPassUnchanged) {
+    const CommandLine line = Parse({"smmlan", "Query", "--bmc=a:b=c@h", "--method", "DHCP", "--x", "-1", "--e="});
+    EXPECT_EQ(line.subCommand, "Query");
+    EXPECT_EQ(line.options, (Options{{"bmc", "a:b=c@h"}, {"e", ""}, {"method", "DHCP"}, {"x", "-1"}}));
+}
+
+TEST(CommandLine, EmptySubcommandIsLeftToTheModule) {
+    EXPECT_EQ(Parse({"smmlan", ""}).subCommand, "");
+}
+
+TEST(CommandLine, ValueStartingWithDashesNeedsTheEqualsForm) {
+    EXPECT_EQ(Parse({"smmlan", "query", "--note=--odd"}).options, (Options{{"note", "--odd"}}));
+    const CommandLineError error = ErrorOf({"smmlan", "query", "--note", "--odd"});
+    EXPECT_EQ(error.exitStatus, 5);
+    EXPECT_EQ(error.message, "option --note needs a value (write --note=VALUE for a value that starts with --)");
+}
+
+TEST(CommandLine, OptionWithoutValue) {
+    const CommandLineError error = ErrorOf({"smmlan", "query", "--bmc"});
+    EXPECT_EQ(error.exitStatus, 5);
+    EXPECT_EQ(error.message, "option --bmc needs a value (write --bmc=VALUE for a value that starts with --)");
+}
+
+TEST(CommandLine, RepeatedOption) {
+    const CommandLineError error = ErrorOf({"smmlan", "query", "--bmc", "a:b@h", "--bmc=c:d@h"});
+    EXPECT_EQ(error.exitStatus, 5);
+    EXPECT_EQ(error.message, "option --bmc given more than once");
+}
+
+TEST(CommandLine, StrayWordIsNotQuoted) {
+    const CommandLineError error = ErrorOf({"smmlan", "query", "--bmc", "a:pa", "ss@h"});
+    EXPECT_EQ(error.exitStatus, 5);
+    EXPECT_EQ(error.message,
+              "unexpected argument 5 after the subcommand; options are written --name VALUE or --name=VALUE");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--"}).message,
+              "unexpected argument 3 after the subcommand; options are written --name VALUE or --name=VALUE");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "-m", "x"}).message,
+              "unexpected argument 3 after the subcommand; options are written --name VALUE or --name=VALUE");
+}
+
+TEST(CommandLine, InvalidOptionNames) {
+    const std::string message = "invalid option name in argument 3 (letters, digits, '-', '_' and '.' only)";
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--=x"}).message, message);
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "---x", "y"}).message, message);
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--a b", "y"}).message, message);
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--a\tb=y"}).exitStatus, 5);
+}
+
+TEST(CommandLine, HostOptionsBeforeTheCommand) {
+    const CommandLine line = Parse({"--config", "/etc/m.conf", "--log-file=/tmp/m.log", "--log-level", "4",
+                                    "--password-file", "/run/pw", "smmlan", "query", "--bmc", "a@h"});
+    EXPECT_TRUE(line.hasConfig);
+    EXPECT_EQ(line.config, "/etc/m.conf");
+    EXPECT_TRUE(line.hasLogFile);
+    EXPECT_EQ(line.logFile, "/tmp/m.log");
+    EXPECT_EQ(line.logLevel, 4u);
+    EXPECT_TRUE(line.hasPasswordFile);
+    EXPECT_EQ(line.passwordFile, "/run/pw");
+    EXPECT_EQ(line.PasswordFile(), "/run/pw");
+    EXPECT_EQ(line.command, "smmlan");
+    EXPECT_EQ(line.commandIndex, 8u);
+    EXPECT_EQ(line.options, (Options{{"bmc", "a@h"}}));
+}
+
+TEST(CommandLine, LogLevels) {
+    for (unsigned level = 0; level <= 4; ++level) {
+        EXPECT_EQ(Parse({"--log-level=" + std::to_string(level), "smmlan", "query"}).logLevel, level);
+    }
+    for (const char* bad : {"5", "-1", "", "3 ", "03", "x", "10"}) {
+        const CommandLineError error = ErrorOf({std::string("--log-level=") + bad, "smmlan", "query"});
+        EXPECT_EQ(error.exitStatus, 5) << bad;
+        EXPECT_EQ(error.message, "--log-level must be a number from 0 to 4") << bad;
+    }
+    EXPECT_EQ(ErrorOf({"--log-level", "2", "--log-level", "2", "smmlan", "query"}).message,
+              "option --log-level given more than once");
+}
+
+TEST(CommandLine, HostOptionErrors) {
+    EXPECT_EQ(ErrorOf({"--config"}).message,
+              "option --config needs a value (write --config=VALUE for a value that starts with --)");
+    EXPECT_EQ(ErrorOf({"--config", "--log-level", "3", "smmlan", "query"}).message,
+              "option --config needs a value (write --config=VALUE for a value that starts with --)");
+    EXPECT_EQ(ErrorOf({"--config=", "smmlan", "query"}).message, "option --config needs a file name");
+    EXPECT_EQ(ErrorOf({"--log-file=a", "--log-file=b", "smmlan", "query"}).message,
+              "option --log-file given more than once");
+    const CommandLineError unknown = ErrorOf({"--bmc=a:secret@h", "smmlan", "query"});
+    EXPECT_EQ(unknown.exitStatus, 5);
+    EXPECT_EQ(unknown.message, "unknown host option '--bmc' (options of a command go after COMMAND SUBCOMMAND)");
+    EXPECT_EQ(ErrorOf({"-v", "smmlan"}).message,
+              "unknown host option '-v' (options of a command go after COMMAND SUBCOMMAND)");
+    EXPECT_EQ(ErrorOf({"--", "smmlan"}).message,
+              "unknown host option '--' (options of a command go after COMMAND SUBCOMMAND)");
+    EXPECT_EQ(ErrorOf({"--help=yes"}).message, "option --help takes no value");
+    EXPECT_EQ(ErrorOf({"--version=1"}).message, "option --version takes no value");
+}
+
+TEST(CommandLine, MissingCommandOrSubcommand) {
+    const CommandLineError none = ErrorOf({});
+    EXPECT_EQ(none.exitStatus, 4);
+    EXPECT_EQ(none.message, "missing command; run 'morvel --help' for usage");
+    EXPECT_EQ(ErrorOf({"--log-level", "3"}).message, "missing command; run 'morvel --help' for usage");
+    const CommandLineError noSub = ErrorOf({"smmlan"});
+    EXPECT_EQ(noSub.exitStatus, 4);
+    EXPECT_EQ(noSub.message, "missing subcommand after 'smmlan'; run 'morvel smmlan --help' for usage");
+    EXPECT_EQ(ErrorOf({"smmlan", "--bmc", "a:b@h"}).message,
+              "missing subcommand after 'smmlan'; run 'morvel smmlan --help' for usage");
+}
+
+TEST(CommandLine, HelpAndVersion) {
+    EXPECT_EQ(Parse({"--help"}).action, Action::HostHelp);
+    EXPECT_EQ(Parse({"-h", "smmlan", "query"}).action, Action::HostHelp);
+    EXPECT_EQ(Parse({"--log-level", "2", "--help", "--bogus"}).action, Action::HostHelp);
+    EXPECT_EQ(Parse({"--version"}).action, Action::Version);
+    EXPECT_EQ(Parse({"--version", "--help"}).action, Action::Version);
+
+    const CommandLine help = Parse({"smmlan", "--help"});
+    EXPECT_EQ(help.action, Action::CommandHelp);
+    EXPECT_EQ(help.command, "smmlan");
+    EXPECT_EQ(Parse({"smmlan", "query", "--bmc", "x", "-h"}).action, Action::CommandHelp);
+    EXPECT_EQ(Parse({"smmlan", "query", "stray", "--help"}).action, Action::CommandHelp);
+}
+
+TEST(CommandLine, PasswordFileAfterTheCommand) {
+    const CommandLine line = Parse({"smmlan", "query", "--password-file", "/run/pw", "--bmc", "a@h"});
+    EXPECT_FALSE(line.hasPasswordFile);
+    EXPECT_EQ(line.PasswordFile(), "/run/pw");
+    // It stays an option of the command, like every other.
+    EXPECT_EQ(line.options, (Options{{"bmc", "a@h"}, {"password-file", "/run/pw"}}));
+
+    const CommandLineError both = ErrorOf({"--password-file=/a", "smmlan", "query", "--password-file=/b"});
+    EXPECT_EQ(both.exitStatus, 5);
+    EXPECT_EQ(both.message, "option --password-file given both before and after the command");
+}
+
+TEST(CommandLine, HostOptionsAfterTheCommandBelongToTheCommand) {
+    const CommandLine line = Parse({"smmlan", "query", "--log-level", "9"});
+    EXPECT_EQ(line.logLevel, 3u);
+    EXPECT_EQ(line.options, (Options{{"log-level", "9"}}));
+}
+
+TEST(CommandLine, ErrorsNeverQuoteValues) {
+    const CommandLineError error = ErrorOf({"smmlan", "query", "--bmc", "a:Wq7z@h", "Wq7z"});
+    EXPECT_EQ(error.message.find("Wq7z"), std::string::npos);
+}
+
+TEST(CommandLine, Printable) {
+    EXPECT_EQ(MorvelCli::Printable("a\x1b[2Jb\n\x7f"), "a?[2Jb??");
+    EXPECT_EQ(MorvelCli::Printable("plain"), "plain");
+}
+
+}  // namespace

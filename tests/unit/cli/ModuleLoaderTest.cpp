@@ -1,0 +1,121 @@
+#include "cli/ModuleLoader.h"
+
+#include <gtest/gtest.h>
+
+#include "TestFiles.h"
+#include "cli/Host.h"
+
+namespace {
+
+using MorvelCli::ModuleLoader;
+
+TEST(ModuleLoader, DirectoryFromTheEnvironment) {
+    EXPECT_EQ(MorvelCli::ModuleDirectory("/opt/mods", "/usr/local/bin/morvel"), "/opt/mods");
+}
+
+TEST(ModuleLoader, DirectoryBesideTheInstallPrefix) {
+    EXPECT_EQ(MorvelCli::ModuleDirectory(nullptr, "/usr/local/bin/morvel"), "/usr/local/lib/morvel");
+    EXPECT_EQ(MorvelCli::ModuleDirectory("", "/opt/morvel/bin/morvel"), "/opt/morvel/lib/morvel");
+    EXPECT_EQ(MorvelCli::ModuleDirectory(nullptr, "/bin/morvel"), "/lib/morvel");
+    EXPECT_EQ(MorvelCli::ModuleDirectory(nullptr, ""), "");
+}
+
+TEST(ModuleLoader, ExecutablePathIsThisProgram) {
+    const std::string path = MorvelCli::ExecutablePath();
+    ASSERT_FALSE(path.empty());
+    EXPECT_EQ(path.substr(path.rfind('/') + 1), "cli_unit_tests");
+}
+
+TEST(ModuleLoader, FileName) { EXPECT_EQ(MorvelCli::ModuleFileName("smmlan"), "libmorvel_smmlan.so"); }
+
+TEST(ModuleLoader, CommandWords) {
+    for (const char* good : {"smmlan", "a", "fw_update", "raid-config", "Cmd2"}) {
+        EXPECT_TRUE(MorvelCli::IsValidCommandWord(good)) << good;
+    }
+    for (const char* bad : {"", "../smmlan", "a/b", "sm mlan", "x.so", "a\nb", "\xc3\xa9"}) {
+        EXPECT_FALSE(MorvelCli::IsValidCommandWord(bad)) << bad;
+    }
+    EXPECT_TRUE(MorvelCli::IsValidCommandWord(std::string(64, 'a')));
+    EXPECT_FALSE(MorvelCli::IsValidCommandWord(std::string(65, 'a')));
+}
+
+TEST(ModuleLoader, UnknownCommand) {
+    ScratchDirectory dir;
+    ModuleLoader loader;
+    ModuleLoader::Failure failure;
+    EXPECT_FALSE(loader.Load(dir.Path(), "nosuch", failure));
+    EXPECT_EQ(failure.exitStatus, 4);
+    EXPECT_EQ(failure.message, "unknown command 'nosuch' (no module " + dir.Path() + "/libmorvel_nosuch.so)");
+
+    EXPECT_FALSE(loader.Load(dir.Path() + "/missing-dir", "nosuch", failure));
+    EXPECT_EQ(failure.exitStatus, 4);
+
+    EXPECT_FALSE(loader.Load(dir.Path(), "../../etc/x", failure));
+    EXPECT_EQ(failure.exitStatus, 4);
+    EXPECT_EQ(failure.message, "unknown command '../../etc/x'; run 'morvel --help' for the commands");
+
+    EXPECT_FALSE(loader.Load(dir.Path(), "a\x1b" "b", failure));
+    EXPECT_EQ(failure.message, "unknown command 'a?b'; run 'morvel --help' for the commands");
+}
+
+TEST(ModuleLoader, NoDirectory) {
+    ModuleLoader loader;
+    ModuleLoader::Failure failure;
+    EXPECT_FALSE(loader.Load("", "smmlan", failure));
+    EXPECT_EQ(failure.exitStatus, 17);
+    EXPECT_EQ(failure.message, "cannot tell where the command modules are; set MORVEL_MODULE_PATH");
+}
+
+TEST(ModuleLoader, FileThatIsNoLibrary) {
+    ScratchDirectory dir;
+    const std::string path = dir.Write("libmorvel_junk.so", std::string(4096, 'j'));
+    ModuleLoader loader;
+    ModuleLoader::Failure failure;
+    EXPECT_FALSE(loader.Load(dir.Path(), "junk", failure));
+    EXPECT_EQ(failure.exitStatus, 17);
+    EXPECT_EQ(failure.message, "cannot load module " + path + ": invalid ELF header");
+    EXPECT_EQ(loader.CreateInstance(), nullptr);
+}
+
+TEST(ModuleLoader, LoadsACommandModule) {
+    ModuleLoader loader;
+    ModuleLoader::Failure failure;
+    ASSERT_TRUE(loader.Load(TEST_MODULE_DIR, "probe", failure)) << failure.message;
+    EXPECT_EQ(loader.Path(), std::string(TEST_MODULE_DIR) + "/libmorvel_probe.so");
+    std::unique_ptr<basic_app> app(loader.CreateInstance());
+    ASSERT_NE(app, nullptr);
+    UserContext context;
+    context.options["init-code"] = "7";
+    EXPECT_EQ(app->init(context).code, 7);
+}
+
+TEST(ModuleLoader, ModuleWithoutCreateInstance) {
+    ModuleLoader loader;
+    ModuleLoader::Failure failure;
+    EXPECT_FALSE(loader.Load(TEST_MODULE_DIR, "nocreate", failure));
+    EXPECT_EQ(failure.exitStatus, 17);
+    EXPECT_EQ(failure.message,
+              "module " + std::string(TEST_MODULE_DIR) + "/libmorvel_nocreate.so does not export create_instance");
+}
+
+TEST(HostHelpers, ExitStatusForCode) {
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(0), 0);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(0x10000), 0);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(5), 5);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(0x180071), 113);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(255), 255);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(256), 255);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(2054), 255);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(0x2000100), 255);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(-1), 255);
+    EXPECT_EQ(MorvelCli::ExitStatusForCode(-65536), 0);
+}
+
+TEST(HostHelpers, DefaultLogFilePath) {
+    EXPECT_EQ(MorvelCli::DefaultLogFilePath("/var/state", "/home/u"), "/var/state/morvel/morvel.log");
+    EXPECT_EQ(MorvelCli::DefaultLogFilePath(nullptr, "/home/u"), "/home/u/.local/state/morvel/morvel.log");
+    EXPECT_EQ(MorvelCli::DefaultLogFilePath("", "/home/u"), "/home/u/.local/state/morvel/morvel.log");
+    EXPECT_EQ(MorvelCli::DefaultLogFilePath("relative/state", "/home/u"), "/home/u/.local/state/morvel/morvel.log");
+}
+
+}  // namespace

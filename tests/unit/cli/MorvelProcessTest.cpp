@@ -1,0 +1,498 @@
+// The built morvel executable as a script would run it, with test modules in
+// a scratch module directory.
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <regex>
+#include <sstream>
+
+#include "ProcessRunner.h"
+#include "TestFiles.h"
+#include "cli/HelpText.h"
+
+namespace {
+
+const std::string kBadForm = "expected USER[:PASSWORD]@HOST[:PORT]";
+
+std::string Directory(const std::string& path) { return path.substr(0, path.rfind('/')); }
+
+// Log lines without their time stamp and source line: "LEVEL source text".
+std::vector<std::string> LogRecords(const std::string& path) {
+    static const std::regex record(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ([A-Z]+) ([^ ]+):\d+ (.*)$)");
+    std::vector<std::string> records;
+    std::istringstream lines(ReadWholeFile(path));
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::smatch match;
+        if (std::regex_match(line, match, record)) {
+            records.push_back(match[1].str() + " " + match[2].str() + " " + match[3].str());
+        } else {
+            records.push_back("MALFORMED " + line);
+        }
+    }
+    return records;
+}
+
+class MorvelProcess : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_modules = m_scratch.Path() + "/modules";
+        m_home = m_scratch.Path() + "/home";
+        m_log = m_scratch.Path() + "/morvel.log";
+        m_dump = m_scratch.Path() + "/dump.txt";
+        ASSERT_EQ(::mkdir(m_modules.c_str(), 0700), 0);
+        ASSERT_EQ(::mkdir(m_home.c_str(), 0700), 0);
+        for (const char* name : {"probe", "nocreate", "nullapp"}) {
+            const std::string file = std::string("/libmorvel_") + name + ".so";
+            ASSERT_EQ(::symlink((TEST_MODULE_DIR + file).c_str(), (m_modules + file).c_str()), 0);
+        }
+        m_scratch.Write("modules/libmorvel_broken.so", std::string(4096, 'j'));
+    }
+
+    std::map<std::string, std::string> Environment() const {
+        return {{"PATH", "/usr/bin:/bin"}, {"HOME", m_home}, {"MORVEL_MODULE_PATH", m_modules}};
+    }
+
+    ProcessResult Run(const std::vector<std::string>& arguments,
+                      const std::map<std::string, std::string>& extra = {}) const {
+        ProcessRequest request;
+        request.arguments = arguments;
+        request.environment = Environment();
+        for (const auto& entry : extra) request.environment[entry.first] = entry.second;
+        return RunMorvel(request);
+    }
+
+    // The probe's report of what it was given.
+    std::string Dump() const { return ReadWholeFile(m_dump); }
+
+    void ExpectNowhere(const ProcessResult& result, const std::string& secret) const {
+        EXPECT_EQ(result.out.find(secret), std::string::npos) << result.out;
+        EXPECT_EQ(result.err.find(secret), std::string::npos) << result.err;
+        EXPECT_EQ(result.terminal.find(secret), std::string::npos) << result.terminal;
+        EXPECT_EQ(ReadWholeFile(m_log).find(secret), std::string::npos) << ReadWholeFile(m_log);
+    }
+
+    ScratchDirectory m_scratch;
+    std::string m_modules;
+    std::string m_home;
+    std::string m_log;
+    std::string m_dump;
+};
+
+TEST_F(MorvelProcess, SuccessfulRun) {
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--bmc", "admin:S3cr:t@x@10.0.0.5:8443",
+                                      "--method", "dhcp", "--dump", m_dump});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out,
+              "probe: init\n"
+              "probe: run query\n"
+              "probe: option dump=" + m_dump + "\n"
+              "probe: option method=dhcp\n"
+              "probe: finish\n"
+              "0 Succeed.\n");
+    EXPECT_EQ(result.err, "");
+    const std::string scrubbed = "admin:*@10.0.0.5:8443";
+    EXPECT_EQ(Dump(),
+              "program=" MORVEL_BINARY "\n"
+              "command=probe\n"
+              "modulePath=" + m_modules + "/libmorvel_probe.so\n"
+              "subCommand=query\n"
+              "logLevel=3\n"
+              "minLogLevel=3\n"
+              "processId=" + std::to_string(result.pid) + " (own)\n"
+              "startTimeSet=1\n"
+              "argument=query\n"
+              "argument=--bmc\n"
+              "argument=" + scrubbed + "\n"
+              "argument=--method\n"
+              "argument=dhcp\n"
+              "argument=--dump\n"
+              "argument=" + m_dump + "\n"
+              "option bmc=admin:S3cr:t@x@10.0.0.5:8443\n"
+              "option dump=" + m_dump + "\n"
+              "option method=dhcp\n"
+              // The password's 8 bytes became one '*' and 7 zero bytes.
+              "cmdline=" MORVEL_BINARY "|--log-file|" + m_log + "|probe|query|--bmc|" + scrubbed +
+                  "||||||||--method|dhcp|--dump|" + m_dump + "|\n");
+    const std::vector<std::string> expected = {
+        "INFO src/cli/Host morvel " MORVEL_VERSION " pid " + std::to_string(result.pid) +
+            ": command probe, subcommand query",
+        "INFO src/cli/Host module " + m_modules + "/libmorvel_probe.so",
+        "INFO src/cli/Host target 10.0.0.5 port 8443 user admin, password from --bmc",
+        "INFO tests/unit/cli/ProbeModule probe: init",
+        "INFO src/cli/Host init: 0 Succeed.",
+        "INFO tests/unit/cli/ProbeModule probe: run query",
+        "INFO tests/unit/cli/ProbeModule probe: option dump=" + m_dump,
+        "INFO tests/unit/cli/ProbeModule probe: option method=dhcp",
+        "INFO src/cli/Host run: 0 Succeed.",
+        "INFO tests/unit/cli/ProbeModule probe: finish",
+        "INFO src/cli/Host result: 0 Succeed. (exit status 0)",
+    };
+    EXPECT_EQ(LogRecords(m_log), expected);
+    EXPECT_EQ(FileMode(m_log), 0600);
+    ExpectNowhere(result, "S3cr");
+}
+
+TEST_F(MorvelProcess, FailedRunGoesToStandardError) {
+    const ProcessResult result = Run({"probe", "enableipmi", "--run-code", "64"});
+    EXPECT_EQ(result.exitStatus, 64);
+    EXPECT_EQ(result.out, "probe: init\nprobe: run enableipmi\nprobe: option run-code=64\nprobe: finish\n");
+    EXPECT_EQ(result.err,
+              "64 Failed to enable SMM IPMI over LAN, please confirm whether the target system supports.\n");
+}
+
+TEST_F(MorvelProcess, ResultCodesAndExitStatuses) {
+    struct Case {
+        const char* code;
+        const char* message;
+        const char* line;
+        bool onStdout;
+        int exitStatus;
+    };
+    const Case cases[] = {
+        // The message of a kind-1 code is looked up under kind 1, where nothing is registered.
+        {"0x10005", "", "5 Unknow error\n", false, 5},
+        {"5", "", "5 Invalid parameter.\n", false, 5},
+        {"13", "", "13 Connection failed.\n", false, 13},
+        {"2054", "", "2054 Authentication failed. For instance, user name or password error.\n", false, 255},
+        {"300", "big", "300 big\n", false, 255},
+        {"255", "edge", "255 edge\n", false, 255},
+        {"-1", "negative", "65535 negative\n", false, 255},
+        {"0x10000", "kind only", "0 kind only\n", true, 0},
+        {"0", "own text", "0 own text\n", true, 0},
+    };
+    for (const Case& c : cases) {
+        std::vector<std::string> arguments = {"probe", "query", "--run-code", c.code};
+        if (c.message[0] != '\0') arguments.insert(arguments.end(), {"--run-message", c.message});
+        const ProcessResult result = Run(arguments);
+        EXPECT_EQ(result.exitStatus, c.exitStatus) << c.code;
+        const std::string& lastStream = c.onStdout ? result.out : result.err;
+        ASSERT_GE(lastStream.size(), std::string(c.line).size()) << c.code;
+        EXPECT_EQ(lastStream.substr(lastStream.size() - std::string(c.line).size()), c.line) << c.code;
+        EXPECT_EQ(c.onStdout ? result.err : std::string(), "") << c.code;
+        if (!c.onStdout) {
+            EXPECT_EQ(result.err, c.line) << c.code;
+        }
+    }
+}
+
+TEST_F(MorvelProcess, FailedInitIsReportedAndRunIsSkipped) {
+    ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--init-code", "5"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "probe: init\nprobe: finish\n");
+    EXPECT_EQ(result.err, "5 Invalid parameter.\n");
+    const std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_EQ(records.size(), 7u);
+    EXPECT_EQ(records[4], "INFO src/cli/Host init: 5 Invalid parameter.");
+    EXPECT_EQ(records[6], "INFO src/cli/Host result: 5 Invalid parameter. (exit status 5)");
+
+    result = Run({"probe", "query", "--init-code", "5", "--init-message", "Option --bmc is required."});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "5 Option --bmc is required.\n");
+}
+
+TEST_F(MorvelProcess, FinishFailureCountsOnlyAfterSuccess) {
+    ProcessResult result = Run({"probe", "query", "--finish-code", "1"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err, "1 Generic Failure.\n");
+    result = Run({"probe", "query", "--finish-code", "1", "--run-code", "18"});
+    EXPECT_EQ(result.exitStatus, 18);
+    EXPECT_EQ(result.err, "18 Timeout.\n");
+}
+
+TEST_F(MorvelProcess, ModuleErrorLinesGoToStandardError) {
+    const ProcessResult result = Run({"probe", "query", "--complain", "disk on fire"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, "probe: init\nprobe: run query\nprobe: option complain=disk on fire\nprobe: finish\n0 Succeed.\n");
+    EXPECT_EQ(result.err, "probe: disk on fire\n");
+}
+
+TEST_F(MorvelProcess, ModuleException) {
+    const ProcessResult result = Run({"probe", "query", "--throw", "probe failure"});
+    EXPECT_EQ(result.exitStatus, 17);
+    EXPECT_EQ(result.out, "probe: init\nprobe: run query\nprobe: option throw=probe failure\n");
+    EXPECT_EQ(result.err, "morvel: module probe failed: probe failure\n");
+}
+
+TEST_F(MorvelProcess, BrokenModules) {
+    ProcessResult result = Run({"nocreate", "query"});
+    EXPECT_EQ(result.exitStatus, 17);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: module " + m_modules + "/libmorvel_nocreate.so does not export create_instance\n");
+
+    result = Run({"broken", "query"});
+    EXPECT_EQ(result.exitStatus, 17);
+    EXPECT_EQ(result.err, "morvel: cannot load module " + m_modules + "/libmorvel_broken.so: invalid ELF header\n");
+
+    result = Run({"nullapp", "query"});
+    EXPECT_EQ(result.exitStatus, 17);
+    EXPECT_EQ(result.err,
+              "morvel: module " + m_modules + "/libmorvel_nullapp.so did not create its application object\n");
+}
+
+TEST_F(MorvelProcess, UnknownCommand) {
+    ProcessResult result = Run({"nosuch", "query", "--bmc", "a:b@h"});
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: unknown command 'nosuch' (no module " + m_modules + "/libmorvel_nosuch.so)\n");
+
+    result = Run({"../modules/libmorvel_probe", "query"});
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_EQ(result.err, "morvel: unknown command '../modules/libmorvel_probe'; run 'morvel --help' for the commands\n");
+}
+
+TEST_F(MorvelProcess, DefaultModuleDirectoryIsBesideThePrefix) {
+    std::map<std::string, std::string> environment = Environment();
+    ProcessRequest request;
+    request.arguments = {"probe", "query"};
+    environment.erase("MORVEL_MODULE_PATH");
+    request.environment = environment;
+    const ProcessResult result = RunMorvel(request);
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_EQ(result.err, "morvel: unknown command 'probe' (no module " + Directory(Directory(MORVEL_BINARY)) +
+                              "/lib/morvel/libmorvel_probe.so)\n");
+}
+
+TEST_F(MorvelProcess, NoBmcIsLeftToTheModule) {
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "");
+    const std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_GE(records.size(), 3u);
+    EXPECT_EQ(records[2], "INFO src/cli/Host no --bmc given");
+}
+
+TEST_F(MorvelProcess, MalformedBmc) {
+    struct Case {
+        const char* bmc;
+        std::string error;
+    };
+    const Case cases[] = {
+        {"admin:Xy9secret", "no '@' before the host; " + kBadForm},
+        {"admin:Xy9secret@", "empty host; " + kBadForm},
+        {":Xy9secret@host", "empty user name; " + kBadForm},
+        {"admin:Xy9secret@host:70000", "invalid port; it must be a number from 1 to 65535"},
+        {"admin:Xy9secret@host:", "invalid port; it must be a number from 1 to 65535"},
+        {"admin:Xy9secret@fe80::1", "an IPv6 address must be written in brackets, e.g. [2001:db8::10] or [2001:db8::10]:443"},
+        {"admin:Xy9secret@[fe80::1", "unclosed '[' in the host; write an IPv6 address as [ADDRESS] or [ADDRESS]:PORT"},
+        {"admin:Xy9secret@[fe80::1]x", "unexpected text after ']' in the host; write an IPv6 address as [ADDRESS] or [ADDRESS]:PORT"},
+        {"admin:Xy9secret@ho st", "blank or control character in the host"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--bmc", c.bmc});
+        EXPECT_EQ(result.exitStatus, 5) << c.bmc;
+        EXPECT_EQ(result.out, "") << c.bmc;
+        EXPECT_EQ(result.err, "morvel: --bmc: " + c.error + "\n") << c.bmc;
+        ExpectNowhere(result, "Xy9secret");
+    }
+    const std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.back(), "ERROR src/cli/Host --bmc: blank or control character in the host (exit status 5)");
+}
+
+TEST_F(MorvelProcess, PasswordFromTheEnvironment) {
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--bmc", "admin@[fd00::5]:8443", "--dump", m_dump},
+                                     {{"MORVEL_BMC_PASSWORD", "env:pw@1"}});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(Dump().find("\noption bmc=admin:env:pw@1@[fd00::5]:8443\n"), std::string::npos) << Dump();
+    EXPECT_NE(Dump().find("\nargument=admin@[fd00::5]:8443\n"), std::string::npos) << Dump();
+    const std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_GE(records.size(), 3u);
+    EXPECT_EQ(records[2], "INFO src/cli/Host target fd00::5 port 8443 user admin, password from MORVEL_BMC_PASSWORD");
+    ExpectNowhere(result, "env:pw");
+}
+
+TEST_F(MorvelProcess, PasswordFromAFile) {
+    const std::string file = m_scratch.Write("pw", "f1le:pw@x\n", 0600);
+    ProcessResult result = Run({"--log-file", m_log, "--password-file", file, "probe", "query", "--bmc", "admin@h", "--dump", m_dump});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(Dump().find("\noption bmc=admin:f1le:pw@x@h\n"), std::string::npos) << Dump();
+    ExpectNowhere(result, "f1le");
+
+    // After the command it works too, and it stays one of the command's options.
+    result = Run({"--log-file", m_log, "probe", "query", "--bmc", "admin@h", "--password-file", file, "--dump", m_dump});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_NE(Dump().find("\noption bmc=admin:f1le:pw@x@h\n"), std::string::npos) << Dump();
+    EXPECT_NE(result.out.find("probe: option password-file=" + file + "\n"), std::string::npos);
+    ExpectNowhere(result, "f1le");
+}
+
+TEST_F(MorvelProcess, PasswordFileOpenToOthers) {
+    const std::string file = m_scratch.Write("pw", "f1le:pw@x\n", 0644);
+    const ProcessResult result = Run({"--log-file", m_log, "--password-file", file, "probe", "query", "--bmc", "admin@h"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "morvel: warning: password file " + file + " is readable by group or others (chmod 600 it)\n");
+    ExpectNowhere(result, "f1le");
+}
+
+TEST_F(MorvelProcess, PasswordInBmcWinsOverTheOtherSources) {
+    const std::string file = m_scratch.Write("pw", "f1le\n", 0644);
+    const ProcessResult result = Run({"--password-file", file, "probe", "query", "--bmc", "admin:given@h", "--dump", m_dump},
+                                     {{"MORVEL_BMC_PASSWORD", "env"}});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "") << "the file is not read, so there is no warning";
+    EXPECT_NE(Dump().find("\noption bmc=admin:given@h\n"), std::string::npos) << Dump();
+}
+
+TEST_F(MorvelProcess, PasswordFileMissing) {
+    const ProcessResult result = Run({"--password-file", m_scratch.Path() + "/none", "probe", "query", "--bmc", "admin@h"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: cannot read password file " + m_scratch.Path() + "/none: No such file or directory\n");
+}
+
+TEST_F(MorvelProcess, NoPasswordAnywhere) {
+    const ProcessResult result = Run({"probe", "query", "--bmc", "admin@h"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "morvel: no password: --bmc names none, MORVEL_BMC_PASSWORD is unset, no --password-file was given and "
+              "there is no terminal to ask on\n");
+}
+
+TEST_F(MorvelProcess, PasswordFromThePrompt) {
+    ProcessRequest request;
+    request.arguments = {"--log-file", m_log, "probe", "query", "--bmc", "admin@h", "--dump", m_dump};
+    request.environment = Environment();
+    request.withTerminal = true;
+    request.typeAfterPrompt = "tty:pw@9\n";
+    const ProcessResult result = RunMorvel(request);
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.terminal, "Password: \r\n");
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(Dump().find("\noption bmc=admin:tty:pw@9@h\n"), std::string::npos) << Dump();
+    const std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_GE(records.size(), 3u);
+    EXPECT_EQ(records[2], "INFO src/cli/Host target h port 443 user admin, password from the terminal");
+    ExpectNowhere(result, "tty:pw");
+}
+
+TEST_F(MorvelProcess, Configuration) {
+    const std::string config = m_scratch.Write("morvel.conf", "# test\nPROBE_KEY=a=b \r\n");
+    const std::string other = m_scratch.Write("other.conf", "PROBE_KEY=from env\n");
+    ProcessResult result = Run({"--config", config, "probe", "query"}, {{"MORVEL_CONFIG", other}});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_NE(result.out.find("probe: config PROBE_KEY=a=b \n"), std::string::npos) << result.out;
+
+    result = Run({"probe", "query"}, {{"MORVEL_CONFIG", other}});
+    EXPECT_NE(result.out.find("probe: config PROBE_KEY=from env\n"), std::string::npos) << result.out;
+
+    result = Run({"probe", "query"}, {{"MORVEL_CONFIG", ""}});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out.find("probe: config"), std::string::npos) << result.out;
+}
+
+TEST_F(MorvelProcess, ConfigurationErrors) {
+    const std::string missing = m_scratch.Path() + "/missing.conf";
+    ProcessResult result = Run({"--config", missing, "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: cannot read configuration file " + missing + ": No such file or directory\n");
+
+    result = Run({"probe", "query"}, {{"MORVEL_CONFIG", missing}});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "morvel: cannot read configuration file " + missing + ": No such file or directory\n");
+
+    const std::string bad = m_scratch.Write("bad.conf", "A=1\nnot a setting\n");
+    result = Run({"--config=" + bad, "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "morvel: " + bad + ":2: expected KEY=VALUE\n");
+}
+
+TEST_F(MorvelProcess, LogLevelReachesTheModule) {
+    ProcessResult result = Run({"--log-level", "4", "--log-file", m_log, "probe", "query", "--dump", m_dump});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_NE(Dump().find("\nlogLevel=4\nminLogLevel=4\n"), std::string::npos) << Dump();
+
+    ASSERT_EQ(::unlink(m_log.c_str()), 0);
+    result = Run({"--log-level=0", "--log-file", m_log, "probe", "query", "--run-code", "1"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(ReadWholeFile(m_log), "") << "level 0 keeps only fatal records";
+    EXPECT_EQ(FileMode(m_log), 0600);
+
+    result = Run({"--log-level", "7", "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "morvel: --log-level must be a number from 0 to 4\n");
+}
+
+TEST_F(MorvelProcess, DefaultLogFile) {
+    const std::string state = m_scratch.Path() + "/state";
+    ProcessResult result = Run({"probe", "query"}, {{"XDG_STATE_HOME", state}});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(FileMode(state + "/morvel/morvel.log"), 0600);
+    EXPECT_EQ(LogRecords(state + "/morvel/morvel.log").size(), 9u);
+
+    result = Run({"probe", "query"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(FileMode(m_home + "/.local/state/morvel/morvel.log"), 0600);
+}
+
+TEST_F(MorvelProcess, LogFileThatCannotBeOpened) {
+    const std::string file = m_scratch.Write("plain", "x");
+    ProcessResult result = Run({"--log-file", file + "/morvel.log", "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: cannot open log file " + file + "/morvel.log: Not a directory\n");
+
+    // The default place failing costs the log only.
+    result = Run({"probe", "query"}, {{"HOME", file}});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "morvel: warning: cannot create log directory " + file +
+                              "/.local: Not a directory; continuing without a log\n");
+    EXPECT_EQ(result.out.substr(result.out.size() - 11), "0 Succeed.\n");
+}
+
+TEST_F(MorvelProcess, HelpAndVersion) {
+    ProcessResult result = Run({"--help"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, MorvelCli::HostHelpText());
+    EXPECT_EQ(result.err, "");
+
+    result = Run({"smmlan", "--help"});
+    EXPECT_EQ(result.exitStatus, 0);
+    std::string smmlan;
+    ASSERT_TRUE(MorvelCli::CommandHelpText("smmlan", smmlan));
+    EXPECT_EQ(result.out, smmlan);
+    EXPECT_EQ(result.err, "");
+
+    result = Run({"--version"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, "morvel " MORVEL_VERSION "\n");
+
+    result = Run({"probe", "--help"});
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: no help for command 'probe'; run 'morvel --help' for the commands\n");
+}
+
+TEST_F(MorvelProcess, CommandLineMistakes) {
+    struct Case {
+        std::vector<std::string> arguments;
+        int exitStatus;
+        std::string err;
+    };
+    const Case cases[] = {
+        {{}, 4, "morvel: missing command; run 'morvel --help' for usage\n"},
+        {{"probe"}, 4, "morvel: missing subcommand after 'probe'; run 'morvel probe --help' for usage\n"},
+        {{"--bogus", "probe", "query"}, 5,
+         "morvel: unknown host option '--bogus' (options of a command go after COMMAND SUBCOMMAND)\n"},
+        {{"probe", "query", "--bmc"}, 5,
+         "morvel: option --bmc needs a value (write --bmc=VALUE for a value that starts with --)\n"},
+        {{"probe", "query", "--method", "dhcp", "--method", "static"}, 5, "morvel: option --method given more than once\n"},
+        {{"probe", "query", "--bmc", "a:Qk8pass", "word@h"}, 5,
+         "morvel: unexpected argument 5 after the subcommand; options are written --name VALUE or --name=VALUE\n"},
+    };
+    for (const Case& c : cases) {
+        const ProcessResult result = Run(c.arguments);
+        EXPECT_EQ(result.exitStatus, c.exitStatus) << c.err;
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, c.err);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <string>
+
+// Scratch files for the tests: a private temporary directory, removed with
+// everything in it when the object goes.
+class ScratchDirectory {
+public:
+    ScratchDirectory();
+    ~ScratchDirectory();
+    ScratchDirectory(const ScratchDirectory&) = delete;
+    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
+
+    const std::string& Path() const { return m_path; }
+    // Writes `content` to Path()/name with the given mode; returns the full path.
+    std::string Write(const std::string& name, const std::string& content, unsigned mode = 0600) const;
+
+private:
+    std::string m_path;
+};
+
+// The whole file, or an empty text when it cannot be read.
+std::string ReadWholeFile(const std::string& path);
+// The permission bits of the file, or -1.
+int FileMode(const std::string& path);
