@@ -1,0 +1,114 @@
+#pragma once
+
+// The simulated SMM's shared core: knobs, the one network state both faces
+// read and change, its persistence, and the record of what was received.
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace SmmSim {
+
+using JsonWriter = rapidjson::Writer<rapidjson::StringBuffer>;
+
+// One entry of the CC, DROP or RESPONSE lists: "CMD[.DATA0][#N][:HEX]".
+struct Rule {
+    int command = -1;
+    int data0 = -1;         // -1: any first data byte
+    unsigned nth = 0;       // 0: every matching request
+    std::vector<uint8_t> bytes;
+};
+
+struct Knobs {
+    std::string address;
+    std::string user = "admin";
+    std::string password;
+    std::string recordPath;
+    std::string stateFile;
+    std::string certFile;
+    std::string keyFile;
+
+    uint8_t initialStatus = 1;
+    unsigned statusDelayReads = 0;
+    uint8_t c4Status = 0;
+    bool c4Strict = true;
+    uint8_t smmIp[4] = {192, 0, 2, 100};
+    std::vector<Rule> cc;
+    std::vector<Rule> drop;
+    std::vector<Rule> response;
+
+    bool redfish = true;
+    int redfishPort = 443;
+    bool redfishIpv6 = false;
+    std::string redfishVendor = "present";  // present | absent | malformed
+    bool redfishLanAsString = false;
+    bool redfishNonJson = false;
+    bool hasGetBody = false;
+    std::string getBody;
+    bool hasIpv4Text = false;
+    std::string ipv4Text;
+    std::string ipv4Kind = "string";  // string | absent | number
+    unsigned redfish503 = 0;
+    int patchStatus = 0;  // 0: apply the change and answer 200 with the resource
+    bool hasPatchBody = false;
+    std::string patchBody;
+};
+
+bool LoadKnobs(const std::string& path, Knobs& knobs, std::string& error);
+bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes);
+std::string Hex(const uint8_t* data, size_t size);
+
+class Sim {
+public:
+    static Sim& Instance();
+
+    bool Init(const std::string& confPath, std::string& error);
+    const Knobs& knobs() const { return m_knobs; }
+
+    // Status byte as a status read sees it; a read lets a pending change take effect.
+    uint8_t ReadStatus();
+    // Status without counting as a read (the record, the PATCH logic).
+    uint8_t PeekStatus();
+    // The status a change is heading for (the pending one, else the current one).
+    uint8_t TargetStatus();
+    void RequestStatus(uint8_t target);
+    void SetMethod(uint8_t method);
+
+    // Counts one more Redfish request to the chassis; true while it must get 503.
+    bool Take503();
+
+    // Appends one JSON line {"seq":..,"t":..,<fill>} to the record.
+    void Record(const std::function<void(JsonWriter&)>& fill);
+
+private:
+    Sim() = default;
+    void LoadStateLocked();
+    void PersistLocked();
+
+    Knobs m_knobs;
+    std::mutex m_stateMutex;
+    uint8_t m_status = 1;
+    bool m_hasPending = false;
+    uint8_t m_pending = 0;
+    unsigned m_readsLeft = 0;
+    uint8_t m_method = 0;
+    unsigned m_chassisRequests = 0;
+
+    std::mutex m_recordMutex;
+    FILE* m_record = nullptr;
+    uint64_t m_seq = 0;
+};
+
+// Starts the HTTPS face(s) in background threads; false and a message when a
+// listener cannot be set up (the simulator must then refuse to start).
+bool StartRedfish(std::string& error);
+
+}  // namespace SmmSim
