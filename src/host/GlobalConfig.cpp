@@ -69,9 +69,13 @@ bool GlobalConfig::LoadFile(const std::string& path, std::string& error) {
     // A configuration file is a handful of lines; anything far larger is a mistake.
     constexpr std::streamsize kMaxBytes = 1 << 20;
     std::string text(static_cast<size_t>(kMaxBytes) + 1, '\0');
+    errno = 0;
     file.read(&text[0], kMaxBytes + 1);
     if (file.bad()) {
+        // Opening a directory succeeds; only the read tells why it is no file.
+        const int failure = errno;
         error = "cannot read configuration file " + path;
+        if (failure != 0) error += std::string(": ") + std::strerror(failure);
         return false;
     }
     text.resize(static_cast<size_t>(file.gcount()));
