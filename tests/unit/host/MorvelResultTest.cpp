@@ -1,0 +1,63 @@
+#include "host/MorvelResult.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "common/result/ResultCodes.h"
+
+namespace {
+
+std::string Printed(const MorvelResult& result) {
+    std::ostringstream out;
+    out << result;
+    return out.str();
+}
+
+TEST(MorvelResult, PrintsTheRegisteredMessage) {
+    EXPECT_EQ(Printed(MorvelResult(0)), "0 Succeed.");
+    EXPECT_EQ(Printed(MorvelResult(RESULT_CONNECTION_FAILED)), "13 Connection failed.");
+    EXPECT_EQ(Printed(MorvelResult(5, "")), "5 Invalid parameter.");
+    EXPECT_EQ(Printed(MorvelResult(RESULT_AUTHENTICATION_FAILED)),
+              "2054 Authentication failed. For instance, user name or password error.");
+}
+
+TEST(MorvelResult, PrintsItsOwnMessage) {
+    EXPECT_EQ(Printed(MorvelResult(5, "Invalid parameter: option --bmc is missing.")),
+              "5 Invalid parameter: option --bmc is missing.");
+    EXPECT_EQ(MorvelResult(5, "own").Message(), "own");
+    EXPECT_EQ(MorvelResult(5).Message(), "Invalid parameter.");
+}
+
+TEST(MorvelResult, PrintsTheLowSixteenBits) {
+    const int code = RegisterResult(24, 113, "RAID row for the test.");
+    EXPECT_EQ(code, 0x180071);
+    EXPECT_EQ(Printed(MorvelResult(code)), "113 RAID row for the test.");
+    EXPECT_EQ(Printed(MorvelResult(-1, "x")), "65535 x");
+    EXPECT_EQ(Printed(MorvelResult(0x10000, "kind only")), "0 kind only");
+}
+
+TEST(MorvelResult, UnknownCodes) {
+    EXPECT_EQ(Printed(MorvelResult(99)), "99 Unknow error");
+    EXPECT_EQ(Printed(MorvelResult(300)), "300 Unknown error");
+}
+
+TEST(MorvelResult, EqualityOnTheLowSixteenBits) {
+    EXPECT_TRUE(MorvelResult(0x10000) == RESULT_SUCCEED);
+    EXPECT_FALSE(MorvelResult(0x10000) != RESULT_SUCCEED);
+    EXPECT_TRUE(MorvelResult(0x10005) == MorvelResult(5, "other text"));
+    EXPECT_FALSE(MorvelResult(0x10005) != MorvelResult(5));
+    EXPECT_TRUE(MorvelResult(4) != MorvelResult(5));
+    EXPECT_TRUE(MorvelResult(4) != 5);
+    EXPECT_FALSE(MorvelResult(4) == 5);
+    EXPECT_TRUE(MorvelResult(5) == 0x70005);
+    EXPECT_TRUE(MorvelResult(-1) == 0xFFFF);
+}
+
+TEST(MorvelResult, Defaults) {
+    const MorvelResult result;
+    EXPECT_EQ(result.code, 0);
+    EXPECT_EQ(result.message, "");
+}
+
+}  // namespace
