@@ -170,6 +170,7 @@ TEST_F(SmmLanTest, DestroyedThroughTheBase) {
     struct Counted : SmmLan {
         ~Counted() override { ++destroyed; }
     };
+    destroyed = 0;
     basic_app* app = new Counted();
     ASSERT_EQ(app->init(ContextFor("query", "admin:pw@192.0.2.1")).code, RESULT_SUCCEED);
     delete app;
