@@ -1,0 +1,458 @@
+"""End-to-end test harness: simulated SMMs on loopback and exact command runs.
+
+Used by the unittest modules beside it (run by CTest with MORVEL_BUILD_DIR set).
+
+    from smmsim import E2ETestCase
+
+    class MyTest(E2ETestCase):
+        def test_x(self):
+            sim = self.start_sim(INITIAL_STATUS=2, REDFISH="off")
+            result = self.run_morvel(["smmlan", "query", "--bmc", sim.bmc()],
+                                     config={"SMM_NETWORK_CHECK_SLEEP_TIME": "0"})
+            self.assertEqual(result.returncode, 0)
+            self.assertEqual(sim.ipmi_requests(), [("f1", "00")])
+
+Every simulator gets its own 127.0.0.N, taken under a lock file so that tests
+in parallel processes never share one; ports on ::1 are leased the same way.
+A simulator that cannot start raises, which fails the test.
+"""
+
+import base64
+import fcntl
+import http.client
+import json
+import os
+import random
+import shutil
+import socket
+import ssl
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+from dataclasses import dataclass, field
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
+BUILD_DIR = os.environ.get("MORVEL_BUILD_DIR") or os.path.join(SOURCE_DIR, "build")
+SMM_SIM = os.environ.get("SMM_SIM_LAUNCHER") or os.path.join(BUILD_DIR, "bin", "smm-sim")
+MORVEL = os.environ.get("MORVEL_BINARY") or os.path.join(BUILD_DIR, "bin", "morvel")
+MODULE_DIR = os.environ.get("MORVEL_MODULE_DIR") or os.path.join(BUILD_DIR, "lib", "morvel")
+IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DIR, "bin", "ipmi_client_probe")
+LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettempdir(), "morvel-e2e-locks")
+KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
+
+# 127.0.0.1 stays free for everything else on the machine.
+ADDRESS_RANGE = range(20, 251)
+
+
+class Lease:
+    """A lock file held open; the resource is ours until release()."""
+
+    def __init__(self, name):
+        os.makedirs(LOCK_DIR, exist_ok=True)
+        self.name = name
+        self._fd = os.open(os.path.join(LOCK_DIR, name + ".lock"), os.O_RDWR | os.O_CREAT, 0o666)
+        try:
+            fcntl.flock(self._fd, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        except OSError:
+            os.close(self._fd)
+            self._fd = None
+            raise
+
+    def release(self):
+        if self._fd is not None:
+            os.close(self._fd)
+            self._fd = None
+
+
+def _bindable(family, kind, host, port):
+    with socket.socket(family, kind) as s:
+        if kind == socket.SOCK_STREAM:
+            s.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            s.bind((host, port))
+        except OSError:
+            return False
+    return True
+
+
+def lease_address(udp_port=623, tcp_port=443):
+    """A free 127.0.0.N (UDP udp_port and TCP tcp_port unused on it) and its lease."""
+    candidates = list(ADDRESS_RANGE)
+    random.shuffle(candidates)
+    for n in candidates:
+        address = "127.0.0.%d" % n
+        try:
+            lease = Lease("addr-" + address)
+        except OSError:
+            continue
+        if _bindable(socket.AF_INET, socket.SOCK_DGRAM, address, udp_port) and (
+                tcp_port is None or _bindable(socket.AF_INET, socket.SOCK_STREAM, address, tcp_port)):
+            return address, lease
+        lease.release()
+    raise RuntimeError("no free loopback address in 127.0.0.%d-%d" % (ADDRESS_RANGE[0], ADDRESS_RANGE[-1]))
+
+
+def lease_port(host="::1"):
+    """A port free for both UDP and TCP on host, and its lease."""
+    family = socket.AF_INET6 if ":" in host else socket.AF_INET
+    for _ in range(200):
+        with socket.socket(family, socket.SOCK_STREAM) as s:
+            s.bind((host, 0))
+            port = s.getsockname()[1]
+        try:
+            lease = Lease("port-%d" % port)
+        except OSError:
+            continue
+        if _bindable(family, socket.SOCK_DGRAM, host, port) and _bindable(family, socket.SOCK_STREAM, host, port):
+            return port, lease
+        lease.release()
+    raise RuntimeError("no free port on %s" % host)
+
+
+@dataclass
+class CommandResult:
+    argv: list
+    returncode: int
+    stdout: str
+    stderr: str
+    elapsed: float
+    files: dict = field(default_factory=dict)
+
+    def describe(self):
+        return "argv: %r\nexit: %d (%.2f s)\n--- stdout ---\n%s--- stderr ---\n%s" % (
+            self.argv, self.returncode, self.elapsed, self.stdout, self.stderr)
+
+
+def base_env(home):
+    """A small, predictable environment: no proxies, C locale, a private HOME."""
+    env = {
+        "PATH": os.environ.get("PATH", "/usr/local/bin:/usr/bin:/bin"),
+        "LANG": "C.UTF-8",
+        "LC_ALL": "C.UTF-8",
+        "HOME": home,
+        "XDG_STATE_HOME": os.path.join(home, ".local", "state"),
+    }
+    for key in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"):
+        if key in os.environ:
+            env[key] = os.environ[key]
+    return env
+
+
+def write_config(path, items):
+    """A KEY=VALUE configuration file from a dict (values written as given)."""
+    with open(path, "w", encoding="utf-8") as f:
+        for key, value in items.items():
+            f.write("%s=%s\n" % (key, value))
+    return path
+
+
+def run_command(argv, env=None, stdin=None, timeout=300, cwd=None):
+    """Runs argv and captures standard output, standard error and exit status exactly."""
+    start = time.monotonic()
+    completed = subprocess.run(argv, env=env, input=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                               timeout=timeout, cwd=cwd, text=True, encoding="utf-8", errors="surrogateescape")
+    return CommandResult(list(argv), completed.returncode, completed.stdout, completed.stderr,
+                         time.monotonic() - start)
+
+
+def https_request(host, port, method, path, body=None, user=None, password=None, headers=None, timeout=10):
+    """One HTTPS request without certificate checks: (status, {header: value}, body text)."""
+    context = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    context.check_hostname = False
+    context.verify_mode = ssl.CERT_NONE
+    all_headers = dict(headers or {})
+    if user is not None:
+        token = base64.b64encode(("%s:%s" % (user, password or "")).encode()).decode()
+        all_headers["Authorization"] = "Basic " + token
+    connection = http.client.HTTPSConnection(host, int(port), timeout=timeout, context=context)
+    try:
+        connection.request(method, path, body=body, headers=all_headers)
+        response = connection.getresponse()
+        return response.status, dict(response.getheaders()), response.read().decode("utf-8", "replace")
+    finally:
+        connection.close()
+
+
+class UdpBlackhole:
+    """A UDP socket that takes every datagram and never answers (no ICMP either)."""
+
+    def __init__(self, address, port=623):
+        family = socket.AF_INET6 if ":" in address else socket.AF_INET
+        self._socket = socket.socket(family, socket.SOCK_DGRAM)
+        self._socket.bind((address, port))
+        self._socket.settimeout(0.1)
+        self.packets = 0
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._run, daemon=True)
+        self._thread.start()
+
+    def _run(self):
+        while not self._stop.is_set():
+            try:
+                self._socket.recvfrom(4096)
+                self.packets += 1
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+
+    def close(self):
+        self._stop.set()
+        self._thread.join()
+        self._socket.close()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.close()
+
+
+class Sim:
+    """One simulated SMM started with the launcher; see tools/smm-sim/README.md for knobs."""
+
+    def __init__(self, directory, knobs=None, address=None, scenario=None):
+        self.dir = directory
+        self.knobs = {k.upper(): self._text(v) for k, v in (knobs or {}).items()}
+        self.scenario = scenario
+        self._leases = []
+        if address is None:
+            ipmi_port = int(self.knobs.get("IPMI_PORT", "623"))
+            redfish_on = self.knobs.get("REDFISH", "on").lower() in ("on", "true", "1", "yes")
+            tcp_port = int(self.knobs.get("REDFISH_PORT", "443")) if redfish_on else None
+            address, lease = lease_address(ipmi_port, tcp_port)
+            self._leases.append(lease)
+        self.address = address
+        self.pid = None
+
+    @staticmethod
+    def _text(value):
+        if isinstance(value, bool):
+            return "on" if value else "off"
+        if isinstance(value, (list, tuple)):
+            return ",".join(str(v) for v in value)
+        if isinstance(value, dict):
+            return ",".join("%s:%s" % (k, v) for k, v in value.items())
+        return str(value)
+
+    def hold(self, lease):
+        self._leases.append(lease)
+
+    # --- knobs as the tests see them
+    @property
+    def user(self):
+        return self.knobs.get("USER", "admin")
+
+    @property
+    def password(self):
+        return self.knobs.get("PASSWORD", "secret")
+
+    @property
+    def ipmi_port(self):
+        return int(self.knobs.get("IPMI_PORT", "623"))
+
+    @property
+    def redfish_port(self):
+        return int(self.knobs.get("REDFISH_PORT", "443"))
+
+    def chassis(self, method="GET", body=None, user=None, password=None, host=None, headers=None):
+        """A request to /redfish/v1/Chassis/2 with this simulator's credentials: (status, headers, body)."""
+        return https_request(host or self.address, self.redfish_port, method, "/redfish/v1/Chassis/2", body,
+                             self.user if user is None else user, self.password if password is None else password,
+                             headers)
+
+    def bmc(self, user=None, password=None, host=None, port=None):
+        """The --bmc value USER:PASSWORD@HOST[:PORT] for this simulator."""
+        host = host or self.address
+        if ":" in host and not host.startswith("["):
+            host = "[%s]" % host
+        text = "%s:%s@%s" % (self.user if user is None else user, self.password if password is None else password,
+                             host)
+        if port is not None:
+            text += ":%d" % port
+        return text
+
+    # --- life cycle
+    def _launcher(self, *args):
+        result = run_command([SMM_SIM] + list(args), env=dict(os.environ), timeout=60)
+        if result.returncode != 0:
+            raise RuntimeError("smm-sim %s failed:\n%s" % (args[0], result.describe()))
+        return result
+
+    def start(self, reset=False):
+        args = ["start", "--address", self.address, "--dir", self.dir]
+        if self.scenario:
+            args += ["--scenario", self.scenario]
+        for key, value in self.knobs.items():
+            args += ["--set", "%s=%s" % (key, value)]
+        if reset:
+            args.append("--reset")
+        self.pid = int(self._launcher(*args).stdout.strip())
+        return self
+
+    def stop(self):
+        self._launcher("stop", "--dir", self.dir)
+
+    def kill(self):
+        """Power loss: SIGKILL, no clean-up; the saved state stays."""
+        self._launcher("kill", "--dir", self.dir)
+
+    def restart(self):
+        self.pid = int(self._launcher("restart", "--dir", self.dir).stdout.strip())
+
+    def running(self):
+        return run_command([SMM_SIM, "status", "--dir", self.dir], env=dict(os.environ)).returncode == 0
+
+    def close(self):
+        try:
+            self.stop()
+        finally:
+            for lease in self._leases:
+                lease.release()
+            self._leases = []
+
+    # --- what it received
+    def records(self, face=None):
+        path = os.path.join(self.dir, "record.jsonl")
+        if not os.path.exists(path):
+            return []
+        with open(path, encoding="utf-8") as f:
+            rows = [json.loads(line) for line in f if line.strip()]
+        return [r for r in rows if face is None or r.get("face") == face]
+
+    def ipmi_requests(self):
+        """[(cmd, data)] of every 0x3A request, hex in lower case, in order."""
+        return [(r["cmd"], r["data"]) for r in self.records("ipmi")]
+
+    def redfish_requests(self):
+        """[(method, path, body)] of every HTTPS request, in order."""
+        return [(r["method"], r["path"], r["body"]) for r in self.records("redfish")]
+
+    def state(self):
+        """The saved state: {"STATUS": 1, "READS_LEFT": 0, "METHOD": 0, ["PENDING": n]}."""
+        result = {}
+        with open(os.path.join(self.dir, "state", "smm-state"), encoding="utf-8") as f:
+            for line in f:
+                if "=" in line:
+                    key, value = line.strip().split("=", 1)
+                    result[key] = int(value)
+        return result
+
+    def log(self):
+        try:
+            with open(os.path.join(self.dir, "ipmi_sim.log"), encoding="utf-8", errors="replace") as f:
+                return f.read()
+        except OSError:
+            return ""
+
+
+class E2ETestCase(unittest.TestCase):
+    """Base class: a private temporary directory, simulators and runs that clean up after themselves."""
+
+    def setUp(self):
+        super().setUp()
+        self.tmp = tempfile.mkdtemp(prefix="morvel-e2e-")
+        if not KEEP:
+            self.addCleanup(shutil.rmtree, self.tmp, True)
+        self.home = os.path.join(self.tmp, "home")
+        os.makedirs(self.home)
+        self._counter = 0
+
+    def _new_dir(self, prefix):
+        self._counter += 1
+        path = os.path.join(self.tmp, "%s%d" % (prefix, self._counter))
+        os.makedirs(path)
+        return path
+
+    def start_sim(self, scenario=None, address=None, **knobs):
+        """Starts a simulated SMM with knobs (KEY=value); stopped at the end of the test."""
+        sim = Sim(self._new_dir("sim"), knobs, address=address, scenario=scenario)
+        self.addCleanup(sim.close)
+        sim.start()
+        return sim
+
+    def lease_address(self, udp_port=623, tcp_port=443):
+        """A loopback address with nothing listening, ours for the test."""
+        address, lease = lease_address(udp_port, tcp_port)
+        self.addCleanup(lease.release)
+        return address
+
+    def lease_port(self, host="::1"):
+        port, lease = lease_port(host)
+        self.addCleanup(lease.release)
+        return port
+
+    def write_config(self, items):
+        return write_config(os.path.join(self._new_dir("config"), "morvel.conf"), items)
+
+    def env(self, extra=None):
+        env = base_env(self.home)
+        env.update(extra or {})
+        return env
+
+    def run_probe(self, address, port, ops, user="admin", password="secret", count=1, config=None, timeout=120):
+        """Runs ipmi_client_probe; returns (result, [parsed lines])."""
+        argv = [IPMI_CLIENT_PROBE, "--address", address, "--user", user, "--port", str(port), "--count", str(count)]
+        for key, value in (config or {}).items():
+            argv += ["--set", "%s=%s" % (key, value)]
+        argv += list(ops)
+        result = run_command(argv, env=self.env({"IPMI_PROBE_PASSWORD": password}), timeout=timeout)
+        if result.returncode != 0:
+            self.fail("ipmi_client_probe failed:\n" + result.describe())
+        return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
+
+    def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option"):
+        """Runs build/bin/morvel with args.
+
+        config: dict written to a file passed with --config (config_via="option") or
+        $MORVEL_CONFIG (config_via="env"). The log goes to a file in the test's
+        directory; its text is in result.files["log"].
+        """
+        log_file = os.path.join(self._new_dir("log"), "morvel.log")
+        host_args = ["--log-file", log_file]
+        extra = {"MORVEL_MODULE_PATH": MODULE_DIR}
+        if log_level is not None:
+            host_args += ["--log-level", str(log_level)]
+        if config is not None:
+            path = self.write_config(config)
+            if config_via == "env":
+                extra["MORVEL_CONFIG"] = path
+            else:
+                host_args += ["--config", path]
+        extra.update(env or {})
+        result = run_command([MORVEL] + host_args + list(args), env=self.env(extra), stdin=stdin, timeout=timeout)
+        try:
+            with open(log_file, encoding="utf-8", errors="replace") as f:
+                result.files["log"] = f.read()
+        except OSError:
+            result.files["log"] = ""
+        return result
+
+    def assertNoSecret(self, secret, *texts):
+        for text in texts:
+            self.assertNotIn(secret, text)
+
+
+def parse_probe_line(line):
+    """'send 3a f1 00 rc=0 cc=00 data=01 ms=2' -> {'op': 'send', 'netfn': '3a', ..., 'rc': 0, 'ms': 2}"""
+    parts = line.split()
+    row = {"op": parts[0]}
+    plain = []
+    for part in parts[1:]:
+        if "=" in part:
+            key, value = part.split("=", 1)
+            row[key] = int(value) if key in ("rc", "ms") else value
+        else:
+            plain.append(part)
+    if row["op"] == "send":
+        row["netfn"], row["cmd"] = plain[0], plain[1]
+        row["request"] = plain[2] if len(plain) > 2 else ""
+    return row
+
+
+__all__ = ["E2ETestCase", "Sim", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
+           "https_request",
+           "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM"]
