@@ -52,6 +52,7 @@ RecordingHttpsServer::RecordingHttpsServer(Options options)
     if (!m_server->is_valid()) throw std::runtime_error("recording HTTPS server: TLS set-up failed");
     m_server->set_keep_alive_max_count(options.keepAliveMaxCount);
     m_server->set_keep_alive_timeout(options.keepAliveTimeoutSeconds);
+    m_server->set_tcp_nodelay(options.tcpNoDelay);
     m_server->set_read_timeout(30, 0);
     m_server->set_write_timeout(30, 0);
 

@@ -76,6 +76,8 @@ public:
         std::shared_ptr<const TestCertificate> certificate;  // default: TestCertificate::Shared()
         size_t keepAliveMaxCount = 10000;
         time_t keepAliveTimeoutSeconds = 30;
+        // Off, the header and body writes of an answer meet Nagle and delayed ACK (40 ms each).
+        bool tcpNoDelay = true;
         // When set, clients must present a certificate issued by this CA file.
         std::string clientCaPath;
     };
