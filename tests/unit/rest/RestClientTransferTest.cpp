@@ -316,8 +316,11 @@ TEST_F(RestClientTransfer, ClientCertificateAndEncryptedKey) {
     RestClient anonymous;
     anonymous.SetCaInfo(CaFile());
     Response refused = anonymous.Get(server.Url("/m"));
-    EXPECT_NE(refused.curlCode, 0);
+    // TLS 1.3 reports the missing certificate after the handshake, as a failed
+    // send or receive depending on timing.
+    EXPECT_TRUE(refused.curlCode == 55 || refused.curlCode == 56) << refused.curlCode << " " << refused.body;
     EXPECT_EQ(refused.httpCode, -1);
+    EXPECT_EQ(server.RequestCount(), 0u);
 
     RestClient plainKey;
     plainKey.SetCaInfo(CaFile());
