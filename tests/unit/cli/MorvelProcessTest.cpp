@@ -5,7 +5,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <sstream>
 
 #include "ProcessRunner.h"
@@ -20,18 +19,10 @@ std::string Directory(const std::string& path) { return path.substr(0, path.rfin
 
 // Log lines without their time stamp and source line: "LEVEL source text".
 std::vector<std::string> LogRecords(const std::string& path) {
-    static const std::regex record(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} ([A-Z]+) ([^ ]+):\d+ (.*)$)");
     std::vector<std::string> records;
     std::istringstream lines(ReadWholeFile(path));
     std::string line;
-    while (std::getline(lines, line)) {
-        std::smatch match;
-        if (std::regex_match(line, match, record)) {
-            records.push_back(match[1].str() + " " + match[2].str() + " " + match[3].str());
-        } else {
-            records.push_back("MALFORMED " + line);
-        }
-    }
+    while (std::getline(lines, line)) records.push_back(WithoutTimeStampAndLine(line));
     return records;
 }
 

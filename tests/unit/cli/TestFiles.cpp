@@ -51,3 +51,28 @@ int FileMode(const std::string& path) {
     if (::stat(path.c_str(), &status) != 0) return -1;
     return static_cast<int>(status.st_mode & 07777);
 }
+
+std::string WithoutTimeStamp(const std::string& line) {
+    static const char kPattern[] = "dddd-dd-dd dd:dd:dd.ddd ";
+    const size_t length = sizeof kPattern - 1;
+    bool ok = line.size() > length;
+    for (size_t i = 0; ok && i < length; ++i) {
+        const char c = line[i];
+        ok = kPattern[i] == 'd' ? (c >= '0' && c <= '9') : c == kPattern[i];
+    }
+    return ok ? line.substr(length) : "MALFORMED " + line;
+}
+
+std::string WithoutTimeStampAndLine(const std::string& line) {
+    const std::string rest = WithoutTimeStamp(line);
+    if (rest.compare(0, 10, "MALFORMED ") == 0) return rest;
+    // "LEVEL source:line text": drop ":line" from the second field.
+    const size_t sourceStart = rest.find(' ');
+    const size_t textStart = sourceStart == std::string::npos ? std::string::npos : rest.find(' ', sourceStart + 1);
+    const size_t colon = textStart == std::string::npos ? std::string::npos : rest.rfind(':', textStart);
+    if (colon == std::string::npos || colon <= sourceStart || colon + 1 == textStart) return "MALFORMED " + line;
+    for (size_t i = colon + 1; i < textStart; ++i) {
+        if (rest[i] < '0' || rest[i] > '9') return "MALFORMED " + line;
+    }
+    return rest.substr(0, colon) + rest.substr(textStart);
+}

@@ -23,3 +23,10 @@ private:
 std::string ReadWholeFile(const std::string& path);
 // The permission bits of the file, or -1.
 int FileMode(const std::string& path);
+
+// A log file line "YYYY-MM-DD HH:MM:SS.mmm LEVEL source:line text" without
+// its time stamp: "LEVEL source:line text"; "MALFORMED " and the line when it
+// does not start with a well-formed time stamp.
+std::string WithoutTimeStamp(const std::string& line);
+// The same, also without the source line number: "LEVEL source text".
+std::string WithoutTimeStampAndLine(const std::string& line);
