@@ -51,9 +51,11 @@ bool TakeOption(const std::vector<std::string>& words, size_t& index, std::strin
 
 bool SetHostOption(const std::string& name, const std::string& value, CommandLine& line, CommandLineError& error) {
     if (name == "log-level") {
+        if (line.hasLogLevel) return Fail(error, kExitInvalidParameter, "option --log-level given more than once");
         if (value.size() != 1 || value[0] < '0' || value[0] > '4') {
             return Fail(error, kExitInvalidParameter, "--log-level must be a number from 0 to 4");
         }
+        line.hasLogLevel = true;
         line.logLevel = static_cast<unsigned>(value[0] - '0');
         return true;
     }
@@ -85,7 +87,6 @@ std::string Printable(const std::string& text) {
 
 bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error) {
     line = CommandLine();
-    bool logLevelGiven = false;
     size_t index = 1;
     // Host options: everything up to the first word that does not start with '-'.
     while (index < words.size() && !words[index].empty() && words[index][0] == '-') {
@@ -108,13 +109,9 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
                         "unknown host option '" + Printable(word.substr(0, word.find('='))) +
                             "' (options of a command go after COMMAND SUBCOMMAND)");
         }
-        std::string value;
         std::string taken;
+        std::string value;
         if (!TakeOption(words, index, taken, value, error)) return false;
-        if (name == "log-level") {
-            if (logLevelGiven) return Fail(error, kExitInvalidParameter, "option --log-level given more than once");
-            logLevelGiven = true;
-        }
         if (!SetHostOption(name, value, line, error)) return false;
     }
     if (index >= words.size()) {

@@ -21,6 +21,7 @@ struct CommandLine {
     std::string config;
     bool hasLogFile = false;
     std::string logFile;
+    bool hasLogLevel = false;
     unsigned logLevel = 3;
     bool hasPasswordFile = false;
     std::string passwordFile;
