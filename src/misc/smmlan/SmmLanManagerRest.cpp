@@ -21,14 +21,53 @@ constexpr char kErrorMsgPrefix[] = "    Error msg: ";
 constexpr char kEnableBanner[] = "************Enable Result************";
 constexpr char kQueryBanner[] = "************Query Result************";
 
-// Replies come from the network: the iterative parser keeps deeply nested
-// input off the call stack, so a hostile body cannot overflow it. Otherwise
-// the default flags apply.
-constexpr unsigned kParseFlags = rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag;
+// Replies come from the network. The iterative parser keeps deeply nested
+// input off the call stack, so a hostile body cannot overflow it. Numbers are
+// taken as text and never converted: RapidJSON 1.1.0's conversion overflows a
+// signed int on extreme exponents, and no number is ever read here (a number
+// only has to be "not a boolean, not a string, not an object"). The syntax
+// check of a number is the same either way.
+constexpr unsigned kParseFlags =
+    rapidjson::kParseDefaultFlags | rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag;
 
+// Builds the document from the reader's events, storing every number as 0.
+class NumberBlindFiller {
+public:
+    explicit NumberBlindFiller(rapidjson::Document& document) : m_document(document) {}
+
+    bool Null() { return m_document.Null(); }
+    bool Bool(bool value) { return m_document.Bool(value); }
+    bool Int(int) { return m_document.Int(0); }
+    bool Uint(unsigned) { return m_document.Int(0); }
+    bool Int64(int64_t) { return m_document.Int(0); }
+    bool Uint64(uint64_t) { return m_document.Int(0); }
+    bool Double(double) { return m_document.Int(0); }
+    bool RawNumber(const char*, rapidjson::SizeType, bool) { return m_document.Int(0); }
+    bool String(const char* text, rapidjson::SizeType length, bool copy) {
+        return m_document.String(text, length, copy);
+    }
+    bool StartObject() { return m_document.StartObject(); }
+    bool Key(const char* text, rapidjson::SizeType length, bool copy) { return m_document.Key(text, length, copy); }
+    bool EndObject(rapidjson::SizeType members) { return m_document.EndObject(members); }
+    bool StartArray() { return m_document.StartArray(); }
+    bool EndArray(rapidjson::SizeType elements) { return m_document.EndArray(elements); }
+
+private:
+    rapidjson::Document& m_document;
+};
+
+// Parses the body as a NUL-terminated UTF-8 text; false on a parse error.
 bool ParseBody(const std::string& body, rapidjson::Document& document) {
-    document.Parse<kParseFlags>(body.c_str());
-    return !document.HasParseError();
+    rapidjson::Reader reader;
+    rapidjson::StringStream stream(body.c_str());
+    rapidjson::ParseResult parsed;
+    auto generate = [&](rapidjson::Document& target) {
+        NumberBlindFiller filler(target);
+        parsed = reader.Parse<kParseFlags>(stream, filler);
+        return !parsed.IsError();
+    };
+    document.Populate(generate);
+    return !parsed.IsError();
 }
 
 // FindMember is a linear scan in document order that stops at the first

@@ -433,7 +433,12 @@ TEST_F(SmmLanManagerRestTest, ProbeAnswerFollowsTheBody) {
         {"trailing text", "{\"Oem\": " + lanTrue + "} trailing", false, false},
         {"surrounding white space", " \t\r\n{\"Oem\": " + lanTrue + "}\r\n", true, true},
         {"text after a NUL", "{\"Oem\": " + lanTrue + "}" + std::string("\0{garbage", 9), true, true},
-        {"extreme exponent elsewhere", VendorBody("\"LANEnabled\": true, \"N\": 1e-400"), true, true},
+        {"tiny number elsewhere", VendorBody("\"LANEnabled\": true, \"N\": 1e-400"), true, true},
+        {"number too big elsewhere", VendorBody("\"LANEnabled\": true, \"N\": 1e400"), false, false},
+        {"long integer elsewhere", VendorBody("\"LANEnabled\": true, \"N\": -123456789012345678901234567890"),
+         true, true},
+        {"malformed number elsewhere", VendorBody("\"LANEnabled\": true, \"N\": 01"), false, false},
+        {"fraction without digits elsewhere", VendorBody("\"LANEnabled\": true, \"N\": 1."), false, false},
     };
     RecordingHttpsServer server;
     for (const Case& c : cases) {
@@ -495,6 +500,31 @@ TEST_F(SmmLanManagerRestTest, HundredThousandLevelsDeepBodiesDoNotExhaustTheStac
         EXPECT_EQ(queried, c.answer ? RESULT_SUCCEED : -1);
     }
     // Only the first case reached Query, and it reports like any normal body.
+    EXPECT_EQ(m_console.Out(), std::string(kQueryBanner) +
+                                   "\nQuery SMM network status succeeded\n"
+                                   "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n"
+                                   "Get SMM ip failed\n\n" +
+                                   kQueryBanner + "\n");
+}
+
+TEST_F(SmmLanManagerRestTest, ExtremeExponentsAreOnlyNumbers) {
+    // RapidJSON 1.1.0 overflows a signed int converting these; the manager never
+    // converts numbers (a sanitizer or assertion build would abort otherwise).
+    const std::string extreme = "0.0000000001e-2147483639";
+    RecordingHttpsServer server;
+    auto connection = ConnectionTo(server);
+
+    ScriptChassis(server, {Json(200, VendorBody("\"LANEnabled\": " + extreme))});
+    {
+        SmmLanManagerRest manager(&connection);
+        EXPECT_FALSE(manager.CheckIsSupportByRest());
+    }
+    ScriptChassis(server, {Json(200, VendorBody("\"LANEnabled\": true, \"IPMIEnabled\": " + extreme +
+                                                ", \"IPv4\": " + extreme + ", \"N\": [" + extreme + "]"))});
+    SmmLanManagerRest manager(&connection);
+    EXPECT_TRUE(manager.CheckIsSupportByRest());
+    EXPECT_TRUE(manager.LanEnabled());
+    EXPECT_EQ(manager.Query(), RESULT_SUCCEED);
     EXPECT_EQ(m_console.Out(), std::string(kQueryBanner) +
                                    "\nQuery SMM network status succeeded\n"
                                    "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n"
