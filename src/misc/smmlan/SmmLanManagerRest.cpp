@@ -3,6 +3,7 @@
 #include <rapidjson/document.h>
 
 #include <boost/format.hpp>
+#include <cstdint>
 #include <sstream>
 
 #include "common/result/ResultCodes.h"
