@@ -222,8 +222,9 @@ int32_t IpmiClient::Open() {
             return 0;
         }
         const int errnum = ipmi_ctx_errnum(ctx);
-        PLEXUM_LOG(1, kLogSource, __LINE__) << "IPMI session to " << host << " failed (attempt " << attempt << " of "
-                                            << attempts << "): " << ipmi_ctx_errormsg(ctx);
+        // The target and the user are traced at level 4 above, never in failure records.
+        PLEXUM_LOG(1, kLogSource, __LINE__) << "IPMI session start failed (attempt " << attempt << " of " << attempts
+                                            << "): " << ipmi_ctx_errormsg(ctx);
         ipmi_ctx_destroy(ctx);
         if (IsCredentialRefusal(errnum)) return kOpenRefused;
         if (IsTimeout(errnum) || IsPermanent(errnum)) return kOpenFailed;

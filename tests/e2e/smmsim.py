@@ -283,7 +283,8 @@ class Sim:
         return result
 
     def start(self, reset=False):
-        args = ["start", "--address", self.address, "--dir", self.dir]
+        # A test process that dies half-way takes its simulators with it.
+        args = ["start", "--address", self.address, "--dir", self.dir, "--watch-pid", str(os.getpid())]
         if self.scenario:
             args += ["--scenario", self.scenario]
         for key, value in self.knobs.items():

@@ -75,8 +75,7 @@ class CredentialRefusals(E2ETestCase):
         self.assertLess(rows[0]["ms"], 2000)
         failures = [line for line in result.stderr.splitlines() if line.startswith("LOG1 ")]
         # Refused credentials are final: one attempt, not `count`.
-        self.assertEqual(failures, ["LOG1 IPMI session to %s:623 failed (attempt 1 of 3): password invalid"
-                                    % sim.address])
+        self.assertEqual(failures, ["LOG1 IPMI session start failed (attempt 1 of 3): password invalid"])
         self.assertNoSecret("wrong-one", result.stdout, result.stderr)
         self.assertNoSecret("right-one", result.stdout, result.stderr)
         self.assertEqual(sim.ipmi_requests(), [])
@@ -183,15 +182,18 @@ class Configuration(E2ETestCase):
                                       config=dict(WORKAROUND, IPMI_CIPHER_SUITE_ID="5"))
         self.assertEqual(rows[0]["rc"], 1)
         self.assertLess(rows[0]["ms"], 1000)
-        self.assertEqual(result.stderr.count("failed (attempt"), 1)
+        self.assertEqual(result.stderr.count("IPMI session start failed (attempt"), 1)
 
     def test_hostname_and_user_are_traced_only_at_level_4(self):
-        sim = self.start_sim(REDFISH="off")
-        result, _ = self.run_probe(sim.address, 623, ["open"], config=WORKAROUND)
-        traced = [line for line in result.stderr.splitlines() if sim.address in line]
-        self.assertTrue(traced)
-        self.assertTrue(all(line.startswith("LOG4 ") for line in traced), traced)
-
+        sim = self.start_sim(USER="operator7", REDFISH="off")
+        result_ok, _ = self.run_probe(sim.address, 623, ["open"], user="operator7", config=WORKAROUND)
+        result_refused, rows = self.run_probe(sim.address, 623, ["open"], user="operator7", password="bad",
+                                              config=WORKAROUND)
+        self.assertEqual(rows[0]["rc"], 2)
+        for result in (result_ok, result_refused):
+            traced = [line for line in result.stderr.splitlines() if sim.address in line or "operator7" in line]
+            self.assertTrue(traced)
+            self.assertTrue(all(line.startswith("LOG4 ") for line in traced), traced)
 
 if __name__ == "__main__":
     unittest.main()

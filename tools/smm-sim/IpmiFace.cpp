@@ -210,6 +210,7 @@ __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t*, con
         std::fprintf(stderr, "smm-sim: %s\n", error.c_str());
         return EADDRINUSE;
     }
+    StartWatchdog();
     sim.Record([](JsonWriter& w) {
         w.Key("face");
         w.String("sim");

@@ -2,6 +2,8 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cctype>
@@ -11,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace SmmSim {
 namespace {
@@ -164,7 +167,10 @@ bool LoadKnobs(const std::string& path, Knobs& k, std::string& error) {
         else if (key == "STATE_FILE") k.stateFile = Trim(value);
         else if (key == "CERT") k.certFile = Trim(value);
         else if (key == "KEY") k.keyFile = Trim(value);
-        else if (key == "INITIAL_STATUS") ok = ParseByte(value, k.initialStatus);
+        else if (key == "WATCH_PID") {
+            ok = ParseUnsigned(value, 4194304, n);
+            k.watchPid = static_cast<int>(n);
+        } else if (key == "INITIAL_STATUS") ok = ParseByte(value, k.initialStatus);
         else if (key == "STATUS_DELAY_READS") {
             ok = ParseUnsigned(value, 1000000, n);
             k.statusDelayReads = static_cast<unsigned>(n);
@@ -355,6 +361,20 @@ void Sim::Record(const std::function<void(JsonWriter&)>& fill) {
     std::fputs(buffer.GetString(), m_record);
     std::fputc('\n', m_record);
     std::fflush(m_record);
+}
+
+void StartWatchdog() {
+    const int pid = Sim::Instance().knobs().watchPid;
+    if (pid <= 0) return;
+    sigset_t all;
+    sigset_t previous;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, &previous);
+    std::thread([pid] {
+        while (::kill(pid, 0) == 0 || errno == EPERM) std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        ::_exit(0);
+    }).detach();
+    pthread_sigmask(SIG_SETMASK, &previous, nullptr);
 }
 
 }  // namespace SmmSim

@@ -35,6 +35,7 @@ struct Knobs {
     std::string stateFile;
     std::string certFile;
     std::string keyFile;
+    int watchPid = 0;  // exit when this process is gone (0: never)
 
     uint8_t initialStatus = 1;
     unsigned statusDelayReads = 0;
@@ -110,5 +111,9 @@ private:
 // Starts the HTTPS face(s) in background threads; false and a message when a
 // listener cannot be set up (the simulator must then refuse to start).
 bool StartRedfish(std::string& error);
+
+// Ends the simulator once knobs().watchPid no longer exists, so that a test
+// run killed half-way leaves no simulator behind.
+void StartWatchdog();
 
 }  // namespace SmmSim
