@@ -6,6 +6,9 @@
 #include <unistd.h>
 #include <zlib.h>
 
+#include <gtest/gtest.h>
+
+#include <cctype>
 #include <stdexcept>
 #include <string>
 
@@ -35,6 +38,31 @@ private:
     int m_fd = -1;
     int m_port = 0;
 };
+
+// Checks that `text` is exactly prefix, a decimal number within [low, high], suffix.
+inline ::testing::AssertionResult IsTextWithNumber(const std::string& text, const std::string& prefix, long low,
+                                                   long high, const std::string& suffix) {
+    auto fail = [&] {
+        return ::testing::AssertionFailure() << "\"" << text << "\" is not \"" << prefix << "<" << low << ".." << high
+                                             << ">" << suffix << "\"";
+    };
+    if (text.size() < prefix.size() + suffix.size() + 1 || text.compare(0, prefix.size(), prefix) != 0 ||
+        text.compare(text.size() - suffix.size(), suffix.size(), suffix) != 0)
+        return fail();
+    const std::string digits = text.substr(prefix.size(), text.size() - prefix.size() - suffix.size());
+    if (digits.empty() || digits.size() > 9) return fail();
+    for (char c : digits)
+        if (!std::isdigit(static_cast<unsigned char>(c))) return fail();
+    const long number = std::stol(digits);
+    if (number < low || number > high) return fail();
+    return ::testing::AssertionSuccess();
+}
+
+// libcurl's text for a refused connection to 127.0.0.1:port.
+inline ::testing::AssertionResult IsRefusedText(const std::string& text, int port) {
+    return IsTextWithNumber(text, "Failed to connect to 127.0.0.1 port " + std::to_string(port) + " after ", 0, 5000,
+                            " ms: Couldn't connect to server");
+}
 
 // gzip member of `text` (zlib with the gzip wrapper).
 inline std::string Gzip(const std::string& text) {
