@@ -211,11 +211,49 @@ class UdpBlackhole:
         self.close()
 
 
+class Netns:
+    """A private network namespace with its own loopback, for packet loss with iptables.
+
+    Run the simulator and the client inside it (start_sim(netns=...),
+    run_probe(..., netns=...), run_morvel(..., netns=...)); loopback traffic in
+    both directions passes INPUT there.
+    """
+
+    def __init__(self):
+        self.name = "morvel-e2e-%d-%s" % (os.getpid(), os.urandom(3).hex())
+        self._ip("netns", "add", self.name)
+        try:
+            self._ip("netns", "exec", self.name, "ip", "link", "set", "lo", "up")
+        except RuntimeError:
+            self.close()
+            raise
+
+    @staticmethod
+    def _ip(*args):
+        result = run_command(["ip"] + list(args), env=dict(os.environ), timeout=30)
+        if result.returncode != 0:
+            raise RuntimeError("ip %s failed:\n%s" % (" ".join(args), result.describe()))
+
+    def wrap(self, argv):
+        return ["ip", "netns", "exec", self.name] + list(argv)
+
+    def drop_udp(self, probability, port=623, match="dport"):
+        """Drops that share of UDP packets to (match="dport") or from ("sport") port."""
+        self._ip("netns", "exec", self.name, "iptables", "-A", "INPUT", "-p", "udp", "--" + match, str(port),
+                 "-m", "statistic", "--mode", "random", "--probability", str(probability), "-j", "DROP")
+
+    def close(self):
+        if self.name:
+            run_command(["ip", "netns", "del", self.name], env=dict(os.environ), timeout=30)
+            self.name = None
+
+
 class Sim:
     """One simulated SMM started with the launcher; see tools/smm-sim/README.md for knobs."""
 
-    def __init__(self, directory, knobs=None, address=None, scenario=None):
+    def __init__(self, directory, knobs=None, address=None, scenario=None, netns=None):
         self.dir = directory
+        self.netns = netns
         self.knobs = {k.upper(): self._text(v) for k, v in (knobs or {}).items()}
         self.scenario = scenario
         self._leases = []
@@ -277,7 +315,10 @@ class Sim:
 
     # --- life cycle
     def _launcher(self, *args):
-        result = run_command([SMM_SIM] + list(args), env=dict(os.environ), timeout=60)
+        argv = [SMM_SIM] + list(args)
+        if self.netns is not None:
+            argv = self.netns.wrap(argv)
+        result = run_command(argv, env=dict(os.environ), timeout=60)
         if result.returncode != 0:
             raise RuntimeError("smm-sim %s failed:\n%s" % (args[0], result.describe()))
         return result
@@ -368,9 +409,9 @@ class E2ETestCase(unittest.TestCase):
         os.makedirs(path)
         return path
 
-    def start_sim(self, scenario=None, address=None, **knobs):
+    def start_sim(self, scenario=None, address=None, netns=None, **knobs):
         """Starts a simulated SMM with knobs (KEY=value); stopped at the end of the test."""
-        sim = Sim(self._new_dir("sim"), knobs, address=address, scenario=scenario)
+        sim = Sim(self._new_dir("sim"), knobs, address=address, scenario=scenario, netns=netns)
         self.addCleanup(sim.close)
         sim.start()
         return sim
@@ -380,6 +421,12 @@ class E2ETestCase(unittest.TestCase):
         address, lease = lease_address(udp_port, tcp_port)
         self.addCleanup(lease.release)
         return address
+
+    def netns(self):
+        """A private network namespace, deleted at the end of the test."""
+        namespace = Netns()
+        self.addCleanup(namespace.close)
+        return namespace
 
     def lease_port(self, host="::1"):
         port, lease = lease_port(host)
@@ -394,18 +441,22 @@ class E2ETestCase(unittest.TestCase):
         env.update(extra or {})
         return env
 
-    def run_probe(self, address, port, ops, user="admin", password="secret", count=1, config=None, timeout=120):
+    def run_probe(self, address, port, ops, user="admin", password="secret", count=1, config=None, timeout=120,
+                  netns=None):
         """Runs ipmi_client_probe; returns (result, [parsed lines])."""
         argv = [IPMI_CLIENT_PROBE, "--address", address, "--user", user, "--port", str(port), "--count", str(count)]
         for key, value in (config or {}).items():
             argv += ["--set", "%s=%s" % (key, value)]
         argv += list(ops)
+        if netns is not None:
+            argv = netns.wrap(argv)
         result = run_command(argv, env=self.env({"IPMI_PROBE_PASSWORD": password}), timeout=timeout)
         if result.returncode != 0:
             self.fail("ipmi_client_probe failed:\n" + result.describe())
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
 
-    def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option"):
+    def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option",
+                   netns=None):
         """Runs build/bin/morvel with args.
 
         config: dict written to a file passed with --config (config_via="option") or
@@ -424,7 +475,10 @@ class E2ETestCase(unittest.TestCase):
             else:
                 host_args += ["--config", path]
         extra.update(env or {})
-        result = run_command([MORVEL] + host_args + list(args), env=self.env(extra), stdin=stdin, timeout=timeout)
+        argv = [MORVEL] + host_args + list(args)
+        if netns is not None:
+            argv = netns.wrap(argv)
+        result = run_command(argv, env=self.env(extra), stdin=stdin, timeout=timeout)
         try:
             with open(log_file, encoding="utf-8", errors="replace") as f:
                 result.files["log"] = f.read()
@@ -454,6 +508,6 @@ def parse_probe_line(line):
     return row
 
 
-__all__ = ["E2ETestCase", "Sim", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
+__all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
            "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM"]

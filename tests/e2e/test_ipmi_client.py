@@ -118,6 +118,15 @@ class Unreachable(E2ETestCase):
         self.assertLessEqual(rows[0]["ms"], 1500)
         self.assertGreaterEqual(hole.packets, 2)
 
+    def test_lost_requests_are_retransmitted(self):
+        netns = self.netns()
+        netns.drop_udp(0.2, 623, "dport")
+        sim = self.start_sim(netns=netns, INITIAL_STATUS=4, REDFISH="off")
+        _, rows = self.run_probe(sim.address, 623, ["open", "send", "3a", "f1", "00", "close"], netns=netns,
+                                 config=dict(WORKAROUND, IPMI_SESSION_TIMEOUT_MS="8000"))
+        self.assertEqual((rows[0]["rc"], rows[1]["rc"], rows[1]["cc"], rows[1]["data"]), (0, 0, "00", "04"))
+        self.assertEqual(sim.ipmi_requests(), [("f1", "00")] * len(sim.ipmi_requests()))
+
     def test_default_session_timeout_is_within_20_seconds(self):
         address = self.lease_address()
         _, rows = self.run_probe(address, 623, ["open"], count=2, config=WORKAROUND)
