@@ -45,6 +45,8 @@ std::string Strip(const std::string& text, const std::locale& locale) {
     return text.substr(begin, end - begin);
 }
 
+}  // namespace
+
 size_t CollectHeader(char* data, size_t size, size_t count, void* userdata) {
     auto* response = static_cast<Response*>(userdata);
     const size_t bytes = size * count;
@@ -63,6 +65,8 @@ size_t CollectHeader(char* data, size_t size, size_t count, void* userdata) {
     }
     return bytes;
 }
+
+namespace {
 
 size_t ReadStream(char* buffer, size_t size, size_t count, void* userdata) {
     auto* stream = static_cast<std::istream*>(userdata);

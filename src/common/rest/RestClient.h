@@ -12,6 +12,10 @@
 
 namespace Rest {
 
+// libcurl's header callback: stores one header line in the Response that
+// `userdata` points to. Declared here so that it can be fed lines without a transfer.
+size_t CollectHeader(char* data, size_t size, size_t count, void* userdata);
+
 // The libcurl implementation of RestClientInterface: one easy handle per client.
 // Settings live in fields and are applied on every request; each request resets
 // the handle at its end, so per-request options never leak into the next one,

@@ -137,14 +137,17 @@ bool SmmLanManagerRest::CheckIsSupportByRest() {
 
     m_response = m_client->Get(m_url);
     if (CheckResponse(m_response) != RESULT_SUCCEED) return false;
+    return ReadProbeReply(m_response.body, m_lanEnabled);
+}
 
+bool SmmLanManagerRest::ReadProbeReply(const std::string& body, bool& lanEnabled) {
     rapidjson::Document document;
-    if (!ParseBody(m_response.body, document)) return false;
+    if (!ParseBody(body, document)) return false;
     const rapidjson::Value* vendor = FindVendorObject(document);
     if (vendor == nullptr) return false;
     const rapidjson::Value* lan = FindBool(*vendor, "LANEnabled");
     if (lan == nullptr) return false;
-    m_lanEnabled = lan->IsTrue();
+    lanEnabled = lan->IsTrue();
     return true;
 }
 

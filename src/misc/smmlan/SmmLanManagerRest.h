@@ -45,6 +45,11 @@ private:
     // Lets unit tests plant a stored reply that no real server can produce (e.g. status 199).
     friend class SmmLanManagerRestTestPeer;
 
+    // The probe's verdict on a reply body: true when it carries the vendor
+    // object with a boolean LANEnabled, which is then stored in `lanEnabled`.
+    // Apart from the request, so that it can be fed bodies directly.
+    static bool ReadProbeReply(const std::string& body, bool& lanEnabled);
+
     Plexum::PlexumConnection::ConnectionInfo* m_connection;  // not owned
     std::string m_url;
     bool m_lanEnabled;
