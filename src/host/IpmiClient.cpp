@@ -99,9 +99,10 @@ std::string HostWithPort(const std::string& address, const std::string& port) {
 // FreeIPMI looks at its session time-out only when a retransmission wait ends,
 // and those waits back off (R, R, 2R, 2R, 3R, ...). Left as configured, a dead
 // controller is noticed up to one wait after the time-out. Hand FreeIPMI a
-// time-out just under the last check point that fits, so a failure comes within
-// the configured time. Returns the session time-out to pass; may lower the
-// retransmission time-out, which FreeIPMI wants below the session time-out.
+// time-out halfway into the last wait that ends within the configured time, so
+// the failure comes at the end of that wait whatever the clock jitter. Returns
+// the session time-out to pass; may lower the retransmission time-out, which
+// FreeIPMI wants below the session time-out.
 constexpr unsigned kFreeIpmiBackoffCount = 2;
 constexpr unsigned kCheckSlackMs = 50;
 
@@ -109,14 +110,17 @@ unsigned AlignSessionTimeout(unsigned sessionMs, unsigned& retransmissionMs) {
     for (;;) {
         const unsigned budget = sessionMs > kCheckSlackMs ? sessionMs - kCheckSlackMs : sessionMs;
         uint64_t elapsed = 0;
-        uint64_t lastCheck = 0;
+        uint64_t lastWait = 0;
+        unsigned checks = 0;
         for (uint64_t k = 0;; ++k) {
             const uint64_t wait = (k / kFreeIpmiBackoffCount + 1) * retransmissionMs;
             if (elapsed + wait > budget) break;
             elapsed += wait;
-            lastCheck = elapsed;
+            lastWait = wait;
+            ++checks;
         }
-        if (lastCheck > uint64_t{retransmissionMs} + 1) return static_cast<unsigned>(lastCheck - 1);
+        // Two checks at least, so that the time-out passed stays above the retransmission time-out.
+        if (checks >= 2) return static_cast<unsigned>(elapsed - lastWait / 2);
         if (retransmissionMs <= 1) return std::max(2u, sessionMs);
         retransmissionMs = std::max(1u, std::min(retransmissionMs, budget) / 2);
     }

@@ -120,10 +120,11 @@ class Unreachable(E2ETestCase):
 
     def test_lost_requests_are_retransmitted(self):
         netns = self.netns()
-        netns.drop_udp(0.2, 623, "dport")
+        # Each exchange has five tries within 12 s: a 10 % loss fails it about once in 10^5.
+        netns.drop_udp(0.1, 623, "dport")
         sim = self.start_sim(netns=netns, INITIAL_STATUS=4, REDFISH="off")
         _, rows = self.run_probe(sim.address, 623, ["open", "send", "3a", "f1", "00", "close"], netns=netns,
-                                 config=dict(WORKAROUND, IPMI_SESSION_TIMEOUT_MS="8000"))
+                                 config=dict(WORKAROUND, IPMI_SESSION_TIMEOUT_MS="12000"))
         self.assertEqual((rows[0]["rc"], rows[1]["rc"], rows[1]["cc"], rows[1]["data"]), (0, 0, "00", "04"))
         self.assertEqual(sim.ipmi_requests(), [("f1", "00")] * len(sim.ipmi_requests()))
 
@@ -164,7 +165,7 @@ class InjectedFaults(E2ETestCase):
             ("open", 0, None, None), ("send", 0, "00", ""), ("close", None, None, None)])
         self.assertLessEqual(rows[1]["ms"], 1500)
         # The dead session is not closed politely: that would wait once more.
-        self.assertLess(rows[2]["ms"], 200)
+        self.assertLess(rows[2]["ms"], 400)
         self.assertIn("LOG1 IPMI request 0x3a/0xf1 failed: session timeout", result.stderr)
         dropped = [r for r in sim.records("ipmi") if r["dropped"]]
         self.assertGreaterEqual(len(dropped), 2)  # FreeIPMI retransmits
