@@ -23,6 +23,7 @@ import http.client
 import json
 import os
 import random
+import shlex
 import shutil
 import socket
 import ssl
@@ -42,6 +43,8 @@ MODULE_DIR = os.environ.get("MORVEL_MODULE_DIR") or os.path.join(BUILD_DIR, "lib
 IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DIR, "bin", "ipmi_client_probe")
 LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettempdir(), "morvel-e2e-locks")
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
+# Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
+MORVEL_WRAPPER = shlex.split(os.environ.get("MORVEL_WRAPPER", ""))
 
 # 127.0.0.1 stays free for everything else on the machine.
 ADDRESS_RANGE = range(20, 251)
@@ -456,12 +459,13 @@ class E2ETestCase(unittest.TestCase):
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
 
     def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option",
-                   netns=None):
+                   netns=None, wrapper=None):
         """Runs build/bin/morvel with args.
 
         config: dict written to a file passed with --config (config_via="option") or
         $MORVEL_CONFIG (config_via="env"). The log goes to a file in the test's
-        directory; its text is in result.files["log"].
+        directory; its text is in result.files["log"]. wrapper: words run before
+        the binary (and before $MORVEL_WRAPPER), e.g. /usr/bin/time.
         """
         log_file = os.path.join(self._new_dir("log"), "morvel.log")
         host_args = ["--log-file", log_file]
@@ -475,7 +479,7 @@ class E2ETestCase(unittest.TestCase):
             else:
                 host_args += ["--config", path]
         extra.update(env or {})
-        argv = [MORVEL] + host_args + list(args)
+        argv = list(wrapper or []) + MORVEL_WRAPPER + [MORVEL] + host_args + list(args)
         if netns is not None:
             argv = netns.wrap(argv)
         result = run_command(argv, env=self.env(extra), stdin=stdin, timeout=timeout)
@@ -510,4 +514,4 @@ def parse_probe_line(line):
 
 __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
-           "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM"]
+           "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER"]
