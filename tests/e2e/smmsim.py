@@ -153,12 +153,18 @@ def write_config(path, items):
 
 
 def run_command(argv, env=None, stdin=None, timeout=300, cwd=None):
-    """Runs argv and captures standard output, standard error and exit status exactly."""
+    """Runs argv and captures standard output, standard error and exit status exactly.
+
+    The output is decoded as UTF-8 with surrogateescape and no newline translation,
+    so a carriage return stays one and text.encode("utf-8", "surrogateescape")
+    gives back the bytes written.
+    """
     start = time.monotonic()
-    completed = subprocess.run(argv, env=env, input=stdin, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                               timeout=timeout, cwd=cwd, text=True, encoding="utf-8", errors="surrogateescape")
-    return CommandResult(list(argv), completed.returncode, completed.stdout, completed.stderr,
-                         time.monotonic() - start)
+    data = stdin.encode("utf-8", "surrogateescape") if isinstance(stdin, str) else stdin
+    completed = subprocess.run(argv, env=env, input=data, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                               timeout=timeout, cwd=cwd)
+    return CommandResult(list(argv), completed.returncode, completed.stdout.decode("utf-8", "surrogateescape"),
+                         completed.stderr.decode("utf-8", "surrogateescape"), time.monotonic() - start)
 
 
 def https_request(host, port, method, path, body=None, user=None, password=None, headers=None, timeout=10):
