@@ -132,7 +132,8 @@ bool IsCredentialRefusal(int errnum) {
            errnum == IPMI_ERR_PRIVILEGE_LEVEL_CANNOT_BE_OBTAINED;
 }
 
-// A time-out already took the whole configured session time; another try would double it.
+// A time-out already took the whole configured session time; another try would double it
+// (Open still retries a session time-out, see there).
 bool IsTimeout(int errnum) {
     return errnum == IPMI_ERR_SESSION_TIMEOUT || errnum == IPMI_ERR_CONNECTION_TIMEOUT ||
            errnum == IPMI_ERR_PASSWORD_VERIFICATION_TIMEOUT || errnum == IPMI_ERR_MESSAGE_TIMEOUT;
@@ -231,6 +232,11 @@ int32_t IpmiClient::Open() {
                                             << "): " << ipmi_ctx_errormsg(ctx);
         ipmi_ctx_destroy(ctx);
         if (IsCredentialRefusal(errnum)) return kOpenRefused;
+        // A session time-out comes after the controller answered the first
+        // message: a later reply of the session start was lost, and not every
+        // controller answers a repeated RAKP message 3 again, so FreeIPMI's
+        // retransmissions cannot recover it while a new session start can.
+        if (errnum == IPMI_ERR_SESSION_TIMEOUT) continue;
         if (IsTimeout(errnum) || IsPermanent(errnum)) return kOpenFailed;
     }
     return kOpenFailed;
