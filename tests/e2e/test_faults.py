@@ -11,6 +11,7 @@ MORVEL_E2E_TIME_SCALE (default 1) stretches every time bound, for runs under
 valgrind (scripts/valgrind).
 """
 
+import atexit
 import concurrent.futures
 import ctypes
 import os
@@ -19,7 +20,6 @@ import select
 import shutil
 import socket
 import ssl
-import subprocess
 import sys
 import tempfile
 import threading
@@ -108,6 +108,7 @@ class Certificate:
         with cls._lock:
             if cls._paths is None:
                 directory = tempfile.mkdtemp(prefix="morvel-e2e-cert-")
+                atexit.register(shutil.rmtree, directory, True)
                 cert, key = os.path.join(directory, "cert.pem"), os.path.join(directory, "key.pem")
                 made = run_command(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
                                     "ec_paramgen_curve:prime256v1", "-nodes", "-keyout", key, "-out", cert,
