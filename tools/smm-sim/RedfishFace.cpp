@@ -342,7 +342,11 @@ void Configure(httplib::SSLServer& server) {
     server.Patch(".*", NotFound);
     server.Delete(".*", NotFound);
     server.Options(".*", NotFound);
-    server.set_logger(RecordExchange);
+    // Recorded before the reply leaves, so a client that has its answer can
+    // already find the request in the record.
+    server.set_post_routing_handler([](const httplib::Request& req, httplib::Response& res) {
+        RecordExchange(req, res);
+    });
 }
 
 }  // namespace
