@@ -9,9 +9,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <iostream>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -35,6 +37,7 @@ double Seconds(Clock::duration duration) { return std::chrono::duration<double>(
 // Runs a command (argv[0] looked up on PATH) with output to /dev/null; throws unless it exits 0.
 void Run(const std::vector<std::string>& arguments) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const auto& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
@@ -70,13 +73,22 @@ double TimeCurlPerRequest(const std::string& url, int requests) {
 double TimeCurlAllUrls(const std::string& url, int requests) {
     std::vector<std::string> arguments{"curl", "-k", "-s", "-f"};
     for (int i = 0; i < requests; ++i) {
-        arguments.push_back("-o");
-        arguments.push_back("/dev/null");
+        arguments.emplace_back("-o");
+        arguments.emplace_back("/dev/null");
         arguments.push_back(url);
     }
     const auto start = Clock::now();
     Run(arguments);
     return Seconds(Clock::now() - start);
+}
+
+// A whole decimal number from 1 up; 0 for anything else.
+int Count(const char* text) {
+    char* end = nullptr;
+    errno = 0;
+    const long value = std::strtol(text, &end, 10);
+    if (errno != 0 || end == text || *end != '\0' || value < 1 || value > 1000000) return 0;
+    return static_cast<int>(value);
 }
 
 double Median(std::vector<double> values) {
@@ -87,10 +99,10 @@ double Median(std::vector<double> values) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const int requests = argc > 1 ? std::atoi(argv[1]) : 200;
-    const int rounds = argc > 2 ? std::atoi(argv[2]) : 3;
+    const int requests = argc > 1 ? Count(argv[1]) : 200;
+    const int rounds = argc > 2 ? Count(argv[2]) : 3;
     if (requests < 1 || rounds < 1) {
-        std::fprintf(stderr, "usage: %s [requests >= 1] [rounds >= 1]\n", argv[0]);
+        std::cerr << "usage: " << argv[0] << " [requests >= 1] [rounds >= 1]\n";
         return 2;
     }
     try {
@@ -117,7 +129,7 @@ int main(int argc, char** argv) {
         std::printf("curl per request / RestClient : %8.1f\n", p / c);
         return c / a <= 1.2 ? 0 : 1;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "bench failed: %s\n", error.what());
+        std::cerr << "bench failed: " << error.what() << '\n';
         return 2;
     }
 }

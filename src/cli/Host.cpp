@@ -3,6 +3,7 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <exception>
@@ -174,8 +175,17 @@ std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
     if (xdgStateHome != nullptr && xdgStateHome[0] == '/') return std::string(xdgStateHome) + "/morvel/morvel.log";
     std::string base = home != nullptr ? home : "";
     if (base.empty()) {
-        const passwd* const entry = ::getpwuid(::getuid());
-        if (entry != nullptr && entry->pw_dir != nullptr) base = entry->pw_dir;
+        // getpwuid_r: getpwuid's static record is not safe if a module runs threads.
+        const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+        std::vector<char> buffer(suggested > 0 ? static_cast<size_t>(suggested) : 16384);
+        passwd record{};
+        passwd* entry = nullptr;
+        int error = 0;
+        while ((error = ::getpwuid_r(::getuid(), &record, buffer.data(), buffer.size(), &entry)) == ERANGE &&
+               buffer.size() < (size_t{1} << 20)) {
+            buffer.resize(buffer.size() * 2);
+        }
+        if (error == 0 && entry != nullptr && entry->pw_dir != nullptr) base = entry->pw_dir;
     }
     if (base.empty()) return std::string();
     return base + "/.local/state/morvel/morvel.log";

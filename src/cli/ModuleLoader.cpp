@@ -89,6 +89,7 @@ bool ModuleLoader::Load(const std::string& directory, const std::string& command
         ::dlclose(handle);
         return false;
     }
+    m_handle = handle;
     m_create = reinterpret_cast<CreateInstanceFunction>(symbol);
     return true;
 }

@@ -39,6 +39,8 @@ public:
 
 private:
     std::string m_path;
+    // Deliberately never closed (see above).
+    void* m_handle = nullptr;
     CreateInstanceFunction m_create = nullptr;
 };
 

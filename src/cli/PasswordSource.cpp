@@ -63,8 +63,9 @@ const int kPromptSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
 
 extern "C" void RestoreTerminalAndReraise(int signalNumber) {
     if (g_terminalFd >= 0) ::tcsetattr(g_terminalFd, TCSANOW, &g_savedTerminal);
-    ::signal(signalNumber, SIG_DFL);
-    ::raise(signalNumber);
+    // Inside a signal handler there is nothing to do when these fail.
+    static_cast<void>(::signal(signalNumber, SIG_DFL));
+    static_cast<void>(::raise(signalNumber));
 }
 
 }  // namespace

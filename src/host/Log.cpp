@@ -4,9 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
 #include <ctime>
 #include <mutex>
@@ -71,14 +73,18 @@ void FileLogSink::Write(const LogRecord& record) {
     const auto millis = duration_cast<milliseconds>(now.time_since_epoch()).count() % 1000;
     std::tm local{};
     localtime_r(&seconds, &local);
+    // Both texts are taken by the lengths written: on a failure neither
+    // function promises anything about the buffer.
     char stamp[32];
-    std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+    const size_t stampLength = std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
     char fraction[8];
-    std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>(millis));
+    const int fractionWritten = std::snprintf(fraction, sizeof fraction, ".%03d", static_cast<int>(millis));
+    const size_t fractionLength =
+        fractionWritten > 0 ? std::min(static_cast<size_t>(fractionWritten), sizeof fraction - 1) : 0;
 
     std::string line;
     line.reserve(64 + record.source.size() + record.text.size());
-    line.append(stamp).append(fraction).append(" ").append(LevelName(record.level)).append(" ");
+    line.append(stamp, stampLength).append(fraction, fractionLength).append(" ").append(LevelName(record.level)).append(" ");
     line.append(record.source).append(":").append(std::to_string(record.line)).append(" ");
     line.append(record.text).append("\n");
     // One write per record keeps records whole when several processes share the file.

@@ -11,7 +11,7 @@ struct MorvelResult {
     std::string message;
 
     MorvelResult() = default;
-    MorvelResult(int32_t resultCode, std::string resultMessage = std::string())
+    explicit MorvelResult(int32_t resultCode, std::string resultMessage = std::string())
         : code(resultCode), message(std::move(resultMessage)) {}
 
     // The text this result prints as: its own message, else the registered one.

@@ -61,10 +61,9 @@ bool IsNotServiceUnavailable(const Response& response) {
 
 template <typename Predicate, typename Operation>
 Response RetryUntil(const StartupWaitPolicy& policy, Predicate accept, Operation attempt) {
-    Response result(-1, -1, std::string());
     const int64_t start = MonotonicNanoseconds();
     for (;;) {
-        result = attempt();
+        Response result = attempt();
         if (accept(result)) return result;
         // Checked after each attempt, so the last one may start just before the limit.
         if (policy.totalWaitMilliseconds * 1000000 < MonotonicNanoseconds() - start) return result;

@@ -326,9 +326,9 @@ Response RestClient::Perform(const std::string& url) {
     if (m_disableExpect) headerList = curl_slist_append(headerList, "Expect:");
     curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, headerList);
 
-    std::string userPassword;
     if (!m_username.empty()) {
-        userPassword = m_username + ":" + m_password;
+        // libcurl keeps its own copy of the text.
+        const std::string userPassword = m_username + ":" + m_password;
         curl_easy_setopt(m_handle, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_BASIC));
         curl_easy_setopt(m_handle, CURLOPT_USERPWD, userPassword.c_str());
     }

@@ -24,7 +24,7 @@ size_t CollectHeader(char* data, size_t size, size_t count, void* userdata);
 class RestClient : public RestClientInterface {
 public:
     // Cap on the in-memory body when the configuration names none.
-    static constexpr size_t kDefaultMaxBodyBytes = 256u * 1024u * 1024u;
+    static constexpr size_t kDefaultMaxBodyBytes = size_t{256} * 1024u * 1024u;
 
     // Throws std::runtime_error("Couldn't initialize curl handle") when libcurl yields no handle.
     RestClient();

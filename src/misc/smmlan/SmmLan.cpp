@@ -89,7 +89,7 @@ bool SmmLan::RunRedfishStage(int32_t& result) const {
 
 MorvelResult SmmLan::RunIpmiStage() const {
     ConnectionList ipmiList;
-    const MorvelResult fetched = FetchIPMIConnectionList(m_userContext, ipmiList);
+    MorvelResult fetched = FetchIPMIConnectionList(m_userContext, ipmiList);
     if (fetched != RESULT_SUCCEED) return fetched;
     // A success without a record leaves nothing to talk to: report it as the
     // connection failure the user would otherwise see for an unreachable SMM,
@@ -100,7 +100,7 @@ MorvelResult SmmLan::RunIpmiStage() const {
     Plexum::IpmiClient client(record.address, record.username, record.password, kIpmiPort, kIpmiSessionCount);
     SmmLanManager manager(&client);
 
-    int32_t result = RESULT_SUCCEED;
+    int32_t result = RESULT_INVALID_COMMAND;  // unless the word is one of these
     const std::string subCommand = m_userContext.subCommand;
     if (subCommand == "enable") {
         const auto method = m_userContext.options.find(kMethodOption);
@@ -112,8 +112,6 @@ MorvelResult SmmLan::RunIpmiStage() const {
         result = manager.Query();
     } else if (subCommand == "enableipmi") {
         result = manager.EnableIpmi();
-    } else {
-        result = RESULT_INVALID_COMMAND;
     }
     return MorvelResult(result);
 }
