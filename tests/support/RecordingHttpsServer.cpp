@@ -42,7 +42,7 @@ size_t RecordedRequest::HeaderCount(const std::string& name) const {
 
 RecordingHttpsServer::RecordingHttpsServer() : RecordingHttpsServer(Options()) {}
 
-RecordingHttpsServer::RecordingHttpsServer(Options options)
+RecordingHttpsServer::RecordingHttpsServer(const Options& options)
     : m_certificate(options.certificate ? options.certificate : TestCertificate::Shared()),
       m_ipv6(options.ipv6),
       m_defaultReply(NotScripted()) {
@@ -217,7 +217,7 @@ void RecordingHttpsServer::Serve(const Reply& reply, httplib::Response& response
     response.status = reply.status;
     for (const auto& header : reply.headers) response.set_header(header.first, header.second);
     if (reply.pieceSize == 0 && reply.stopAfter == static_cast<size_t>(-1)) {
-        response.set_content(reply.body, reply.contentType.c_str());
+        response.set_content(reply.body, reply.contentType);
         return;
     }
     auto body = std::make_shared<std::string>(reply.body);

@@ -84,7 +84,7 @@ public:
     using Handler = std::function<void(const httplib::Request&, httplib::Response&)>;
 
     RecordingHttpsServer();
-    explicit RecordingHttpsServer(Options options);
+    explicit RecordingHttpsServer(const Options& options);
     ~RecordingHttpsServer();
     RecordingHttpsServer(const RecordingHttpsServer&) = delete;
     RecordingHttpsServer& operator=(const RecordingHttpsServer&) = delete;

@@ -47,6 +47,7 @@ TEST(ArgvScrub, EveryBmcWordOfArgv) {
         storage.emplace_back(word.begin(), word.end());
         storage.back().push_back('\0');
     }
+    argv.reserve(storage.size());
     for (auto& bytes : storage) argv.push_back(bytes.data());
     EXPECT_EQ(MorvelCli::ScrubBmcPasswords(static_cast<int>(argv.size()), argv.data()), 2);
     EXPECT_STREQ(argv[4], "a:*@h1");

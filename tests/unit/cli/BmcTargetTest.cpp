@@ -144,11 +144,11 @@ TEST(BmcTarget, BadPorts) {
 }
 
 TEST(BmcTarget, ErrorsNeverContainThePassword) {
-    const std::string password = "Zq9:x@Wv";
+    const std::string credentials = "admin:Zq9:x@Wv@";
     for (const std::string host : {"", "[", "[::1", "[::1]x", "[]", "[name]", "a:b:c", "h st", "h:0", "h:x"}) {
         BmcTarget target;
         std::string error;
-        EXPECT_FALSE(ParseBmcTarget("admin:" + password + "@" + host, target, error)) << host;
+        EXPECT_FALSE(ParseBmcTarget(credentials + host, target, error)) << host;
         EXPECT_EQ(error.find("Zq9"), std::string::npos) << error;
         EXPECT_EQ(error.find("Wv"), std::string::npos) << error;
     }

@@ -16,6 +16,7 @@ constexpr auto kTimeLimit = std::chrono::seconds(30);
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) pointers.push_back(&text[0]);
     pointers.push_back(nullptr);
     return pointers;
@@ -27,6 +28,7 @@ ProcessResult RunMorvel(const ProcessRequest& request) {
     std::vector<std::string> argv{MORVEL_BINARY};
     argv.insert(argv.end(), request.arguments.begin(), request.arguments.end());
     std::vector<std::string> envp;
+    envp.reserve(request.environment.size());
     for (const auto& entry : request.environment) envp.push_back(entry.first + "=" + entry.second);
     std::vector<char*> argvPointers = Pointers(argv);
     std::vector<char*> envpPointers = Pointers(envp);

@@ -29,7 +29,7 @@ ScratchDirectory::ScratchDirectory() {
 ScratchDirectory::~ScratchDirectory() { ::nftw(m_path.c_str(), RemoveEntry, 16, FTW_DEPTH | FTW_PHYS); }
 
 std::string ScratchDirectory::Write(const std::string& name, const std::string& content, unsigned mode) const {
-    const std::string path = m_path + "/" + name;
+    std::string path = m_path + "/" + name;
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) throw std::runtime_error("cannot create " + path);
     const ssize_t written = ::write(fd, content.data(), content.size());
@@ -64,7 +64,7 @@ std::string WithoutTimeStamp(const std::string& line) {
 }
 
 std::string WithoutTimeStampAndLine(const std::string& line) {
-    const std::string rest = WithoutTimeStamp(line);
+    std::string rest = WithoutTimeStamp(line);
     if (rest.compare(0, 10, "MALFORMED ") == 0) return rest;
     // "LEVEL source:line text": drop ":line" from the second field.
     const size_t sourceStart = rest.find(' ');

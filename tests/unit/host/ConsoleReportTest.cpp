@@ -80,7 +80,7 @@ TEST_F(ConsoleReportTest, PrintedEvenWhenTheLogFiltersIt) {
 }
 
 TEST_F(ConsoleReportTest, EmptyLine) {
-    { ConsoleReport(3, "s", 1); }
+    { const ConsoleReport report(3, "s", 1); }
     EXPECT_EQ(m_out.str(), "\n");
     ASSERT_EQ(m_sink->records.size(), 1u);
     EXPECT_EQ(m_sink->records[0].text, "");

@@ -415,7 +415,7 @@ TEST_F(RedfishClientTest, SettingsAreForwardedToTheMemberClient) {
     EXPECT_EQ(request.Header("OData-Version"), "4.0");
     EXPECT_EQ(request.Header("Accept-Encoding"), "gzip");
 
-    Response put = client->Put(target.Url("/final"), std::string(2 * 1024 * 1024, 'p'));
+    Response put = client->Put(target.Url("/final"), std::string(size_t{2} * 1024 * 1024, 'p'));
     EXPECT_EQ(put.curlCode, 0);
     EXPECT_FALSE(target.Requests().at(1).HasHeader("Expect"));
 

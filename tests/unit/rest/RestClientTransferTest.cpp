@@ -225,12 +225,12 @@ TEST_F(RestClientTransfer, OutputFileTakesTheBody) {
     EXPECT_EQ(response.curlCode, 0);
     EXPECT_EQ(response.httpCode, 200);
     EXPECT_EQ(response.body, "");
-    std::fflush(file);
+    ASSERT_EQ(std::fflush(file), 0);
     std::rewind(file);
     char buffer[64] = {};
     const size_t got = std::fread(buffer, 1, sizeof buffer, file);
     EXPECT_EQ(std::string(buffer, got), "into the file");
-    std::fclose(file);
+    EXPECT_EQ(std::fclose(file), 0);
     client.SetOutputFile(nullptr);
     EXPECT_EQ(client.Get(server.Url("/f")).body, "into the file");
 }
@@ -244,7 +244,7 @@ TEST_F(RestClientTransfer, OutputFileThatCannotBeWrittenAbortsTheTransfer) {
     ASSERT_NE(readOnly, nullptr);
     client.SetOutputFile(readOnly);
     Response response = client.Get(server.Url("/f"));
-    std::fclose(readOnly);
+    EXPECT_EQ(std::fclose(readOnly), 0);
     EXPECT_EQ(response.curlCode, 23);
     EXPECT_EQ(response.httpCode, -1);
     EXPECT_EQ(response.body, "Failure writing output to destination");

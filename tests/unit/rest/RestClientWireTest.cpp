@@ -378,13 +378,14 @@ TEST_F(RestClientWire, HeaderMapOperations) {
     EXPECT_EQ(client.GetHeaders(), (Rest::HeaderMap{{"C", "4"}}));
     Rest::HeaderMap copy = client.GetHeaders();
     copy["D"] = "5";
+    EXPECT_EQ(copy.size(), 2u);
     EXPECT_EQ(client.GetHeaders().size(), 1u);  // GetHeaders hands out a copy
 }
 
 TEST_F(RestClientWire, ExpectContinueIsSentForLargeUploadsUnlessDisabled) {
     RecordingHttpsServer server;
     server.SetDefaultReply(Reply::Text(200, "ok"));
-    const std::string big(2 * 1024 * 1024, 'e');
+    const std::string big(size_t{2} * 1024 * 1024, 'e');
     {
         RestClient client;
         Trust(client);

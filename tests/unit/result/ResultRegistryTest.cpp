@@ -41,6 +41,7 @@ TEST(ResultRegistryTest, MessageIsCopied) {
     char text[] = "copied text";
     const int code = RegisterResult(0, 202, text);
     text[0] = 'X';
+    ASSERT_STREQ(text, "Xopied text");
     EXPECT_EQ(GetResultMessage(code), "copied text");
 }
 
@@ -105,7 +106,7 @@ TEST(ResultRegistryTest, ModuleCodesAndTheirMessages) {
     EXPECT_EQ(RESULT_INTERNAL_ERROR, 17);
     EXPECT_EQ(RESULT_TIMEOUT, 18);
     EXPECT_EQ(RESULT_ENABLE_IPMI_FAILED, 64);
-    EXPECT_EQ(RESULT_AUTHENTICATION_FAILED, 2054);
+    static_assert(RESULT_AUTHENTICATION_FAILED == 2054, "a fixed-table code, pinned at compile time");
 
     EXPECT_EQ(GetResultMessage(0), "Succeed.");
     EXPECT_EQ(GetResultMessage(1), "Generic Failure.");

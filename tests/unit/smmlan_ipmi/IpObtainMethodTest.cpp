@@ -28,10 +28,9 @@ TEST_F(IpObtainMethodTest, AnythingElseLeavesTheMethodUnchanged) {
 }
 
 TEST_F(IpObtainMethodTest, LogsTheTextAsReceivedAndLeavesTheCallersTextAlone) {
-    const std::string text = "DHCP-Failover";
-    std::string copy = text;
-    EXPECT_EQ(SmmLanManager::ParseIpObtainMethod(copy), IP_OBTAIN_DHCP_FAILOVER);
-    EXPECT_EQ(copy, "DHCP-Failover");
+    std::string callers = "DHCP-Failover";
+    EXPECT_EQ(SmmLanManager::ParseIpObtainMethod(callers), IP_OBTAIN_DHCP_FAILOVER);
+    EXPECT_EQ(callers, "DHCP-Failover");
     EXPECT_EQ(SmmLanManager::ParseIpObtainMethod(""), IP_OBTAIN_UNCHANGED);
     EXPECT_EQ(Records(), (std::vector<Record>{{3, "SMM lan ip obtained method:DHCP-Failover"},
                                               {3, "SMM lan ip obtained method:"}}));

@@ -220,7 +220,7 @@ TEST_F(SetLanStatusTest, AttemptsCountFromZeroToRetryCountMinusOne) {
     std::vector<std::string> lines = {kSendEnable};
     for (int attempt = 0; attempt < 24; ++attempt) {
         lines.push_back(Attempt(attempt));
-        lines.push_back(kMiss);
+        lines.emplace_back(kMiss);
     }
     EXPECT_EQ(Out(), Lines(lines));
     EXPECT_EQ(Err(), Lines({kEnableTimeout}));

@@ -15,7 +15,6 @@ namespace SmmLanRestTest {
 namespace {
 
 using MorvelTest::RecordingHttpsServer;
-using MorvelTest::Reply;
 
 constexpr char kIpmiManagerSource[] = "Src/Misc/SmmLan/SmmLanManager";
 constexpr char kConnectSource[] = "src/host/MorvelConnect";
@@ -185,6 +184,8 @@ public:
     ~ModuleHandle() {
         if (m_handle != nullptr) dlclose(m_handle);
     }
+    ModuleHandle(const ModuleHandle&) = delete;
+    ModuleHandle& operator=(const ModuleHandle&) = delete;
     void* Get() const { return m_handle; }
 
 private:
