@@ -171,7 +171,7 @@ int ExitStatusForCode(int32_t code) {
 }
 
 std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
-    // The base directory specification says relative values are to be ignored.
+    // A relative XDG_STATE_HOME is ignored, as the XDG base directory rules say.
     if (xdgStateHome != nullptr && xdgStateHome[0] == '/') return std::string(xdgStateHome) + "/morvel/morvel.log";
     std::string base = home != nullptr ? home : "";
     if (base.empty()) {
