@@ -76,10 +76,12 @@ public:
 
 // Once per process: console lines go nowhere, every log level is built.
 inline void SilenceOutput() {
-    static NullBuffer buffer;
     static const bool silenced = [] {
-        std::cout.rdbuf(&buffer);
-        std::cerr.rdbuf(&buffer);
+        // Never destroyed: the streams still flush into it while the iostream
+        // machinery is torn down at exit, after function-local statics are gone.
+        auto* buffer = new NullBuffer();
+        std::cout.rdbuf(buffer);
+        std::cerr.rdbuf(buffer);
         Plexum::Log::SetMinLogLevel(4);
         Plexum::Log::SetSink(std::make_shared<DiscardSink>());
         return true;
