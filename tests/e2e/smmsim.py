@@ -45,6 +45,13 @@ LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettem
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
 # Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
 MORVEL_WRAPPER = shlex.split(os.environ.get("MORVEL_WRAPPER", ""))
+# Set by an AddressSanitizer build: its shadow memory and quarantine multiply a process's RSS.
+SANITIZED = os.environ.get("MORVEL_SANITIZED") == "1"
+
+
+def peak_rss_bound_kib(plain_mib, instrumented_mib):
+    """The largest peak RSS a morvel run may reach: plain, or under valgrind or AddressSanitizer."""
+    return (instrumented_mib if MORVEL_WRAPPER or SANITIZED else plain_mib) * 1024
 
 # 127.0.0.1 stays free for everything else on the machine.
 ADDRESS_RANGE = range(20, 251)
@@ -520,4 +527,5 @@ def parse_probe_line(line):
 
 __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
-           "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER"]
+           "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
+           "SANITIZED", "peak_rss_bound_kib"]

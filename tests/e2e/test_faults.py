@@ -26,7 +26,7 @@ import threading
 import time
 import unittest
 
-from smmsim import MORVEL_WRAPPER, E2ETestCase, run_command
+from smmsim import E2ETestCase, peak_rss_bound_kib, run_command
 
 TIME_SCALE = float(os.environ.get("MORVEL_E2E_TIME_SCALE") or "1")
 
@@ -596,8 +596,8 @@ class RedfishFaults(FaultCase):
         # The client hung up once the cap was passed, not at the 60-second limit.
         self.assertGreaterEqual(server.sent, cap - 65536)
         self.assertLess(server.sent, 256 << 20)
-        # Under a wrapper such as valgrind the figure is the wrapper's, its shadow memory included.
-        self.assertLess(peak_kib, (64 if not MORVEL_WRAPPER else 1024) * 1024)
+        # Under valgrind or AddressSanitizer the figure includes their shadow memory.
+        self.assertLess(peak_kib, peak_rss_bound_kib(64, 1024))
         sys.stderr.write("\n[faults] endless body, cap 8 MiB: %.1f MiB sent before the hang-up, peak RSS %.1f MiB, "
                          "%.1f s\n" % (server.sent / 1048576, peak_kib / 1024, result.elapsed))
 
@@ -684,7 +684,7 @@ class HostileReplies(FaultCase):
         with open(peak_file, encoding="utf-8") as f:
             peak_kib = int(f.read().split()[-1])
         # The body, the grown buffer it was read into and the parsed copy, not more.
-        self.assertLess(peak_kib, (256 if not MORVEL_WRAPPER else 2048) * 1024)
+        self.assertLess(peak_kib, peak_rss_bound_kib(256, 2048))
         sys.stderr.write("\n[faults] 50 MiB body: peak RSS %.1f MiB, %.1f s\n" % (peak_kib / 1024, result.elapsed))
 
 
