@@ -29,8 +29,9 @@ namespace {
 class StderrSink : public Plexum::LogSink {
 public:
     void Write(const Plexum::LogRecord& record) override {
-        std::fprintf(stderr, "LOG%u %s\n", record.level, record.text.c_str());
-        std::fflush(stderr);
+        // A log line that cannot be written has nowhere else to go.
+        static_cast<void>(std::fprintf(stderr, "LOG%u %s\n", record.level, record.text.c_str()));
+        static_cast<void>(std::fflush(stderr));
     }
 };
 
@@ -51,7 +52,7 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
     std::string out;
     char buffer[3];
     for (uint8_t b : bytes) {
-        std::snprintf(buffer, sizeof(buffer), "%02x", b);
+        static_cast<void>(std::snprintf(buffer, sizeof(buffer), "%02x", b));
         out += buffer;
     }
     return out;
@@ -62,9 +63,9 @@ long long MillisecondsSince(std::chrono::steady_clock::time_point start) {
 }
 
 int Usage() {
-    std::fprintf(stderr,
-                 "usage: ipmi_client_probe --address A --user U --port P [--count N] [--set KEY=VALUE]... "
-                 "open|close|send NETFN CMD [HEX]|sleep MS ...\n");
+    static_cast<void>(std::fprintf(stderr,
+                                   "usage: ipmi_client_probe --address A --user U --port P [--count N] "
+                                   "[--set KEY=VALUE]... open|close|send NETFN CMD [HEX]|sleep MS ...\n"));
     return 64;
 }
 
@@ -108,7 +109,10 @@ int main(int argc, char** argv) {
             client.Close();
             std::printf("close ms=%lld\n", MillisecondsSince(start));
         } else if (ops[i] == "sleep" && i + 1 < ops.size()) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(std::atoi(ops[++i].c_str())));
+            char* end = nullptr;
+            const long milliseconds = std::strtol(ops[++i].c_str(), &end, 10);
+            if (*end != '\0' || milliseconds < 0) return Usage();
+            std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
         } else if (ops[i] == "send" && i + 2 < ops.size()) {
             std::vector<uint8_t> head;
             std::vector<uint8_t> data;
@@ -132,7 +136,7 @@ int main(int argc, char** argv) {
         } else {
             return Usage();
         }
-        std::fflush(stdout);
+        if (std::fflush(stdout) != 0) return 1;
     }
     return 0;
 }

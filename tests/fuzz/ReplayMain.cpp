@@ -37,28 +37,29 @@ int main(int argc, char** argv) {
         } else if (std::filesystem::is_regular_file(path, error)) {
             inputs.push_back(path);
         } else {
-            std::fprintf(stderr, "replay: no such file or directory: %s\n", argv[i]);
+            static_cast<void>(std::fprintf(stderr, "replay: no such file or directory: %s\n", argv[i]));
             return 2;
         }
     }
     // Sorted, so that a failure names the same input on every run.
     std::sort(inputs.begin(), inputs.end());
     if (inputs.empty()) {
-        std::fprintf(stderr, "replay: no inputs given\n");
+        static_cast<void>(std::fprintf(stderr, "replay: no inputs given\n"));
         return 2;
     }
     for (const auto& path : inputs) {
         std::vector<uint8_t> bytes;
         if (!ReadFile(path, bytes)) {
-            std::fprintf(stderr, "replay: cannot read %s\n", path.c_str());
+            static_cast<void>(std::fprintf(stderr, "replay: cannot read %s\n", path.c_str()));
             return 2;
         }
-        std::fprintf(stdout, "replay: %s (%zu bytes)\n", path.c_str(), bytes.size());
-        std::fflush(stdout);
+        // Flushed before the run, so that a crash names its input.
+        if (std::fprintf(stdout, "replay: %s (%zu bytes)\n", path.c_str(), bytes.size()) < 0 || std::fflush(stdout) != 0) {
+            return 2;
+        }
         // Like libFuzzer, never hand over a null pointer, not even for an empty input.
         static const uint8_t kEmpty = 0;
         LLVMFuzzerTestOneInput(bytes.empty() ? &kEmpty : bytes.data(), bytes.size());
     }
-    std::fprintf(stdout, "replay: %zu inputs, no failure\n", inputs.size());
-    return 0;
+    return std::fprintf(stdout, "replay: %zu inputs, no failure\n", inputs.size()) < 0 ? 2 : 0;
 }
