@@ -7,9 +7,11 @@ extern "C" {
 #include <OpenIPMI/serv.h>
 }
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <map>
 #include <string>
 #include <unistd.h>
@@ -73,8 +75,8 @@ const Rule* FirstMatch(const std::vector<Rule>& rules, int command, int data0, u
 std::vector<uint8_t> ExpectedPropertyRequest() {
     const std::string path(kPropertyPath);
     std::vector<uint8_t> expected(sizeof(kPropertyHeader) + path.size());
-    std::memcpy(expected.data(), kPropertyHeader, sizeof(kPropertyHeader));
-    std::memcpy(expected.data() + sizeof(kPropertyHeader), path.data(), path.size());
+    const auto pathStart = std::copy(std::begin(kPropertyHeader), std::end(kPropertyHeader), expected.begin());
+    std::copy(path.begin(), path.end(), pathStart);
     return expected;
 }
 
@@ -191,23 +193,25 @@ __attribute__((visibility("default"))) int ipmi_sim_module_print_version(sys_dat
     return 0;
 }
 
+// Start-up failures are told on stderr for whoever launched ipmi_sim; the
+// return code refuses the start either way, so a failed write there is ignored.
 __attribute__((visibility("default"))) int ipmi_sim_module_init(sys_data_t*, const char* options) {
     using namespace SmmSim;
     std::string error;
     Sim& sim = Sim::Instance();
     if (!sim.Init(options != nullptr ? options : "", error)) {
-        std::fprintf(stderr, "smm-sim: %s\n", error.c_str());
+        (void)std::fprintf(stderr, "smm-sim: %s\n", error.c_str());
         return EINVAL;
     }
     for (unsigned command = 0; command < 256; ++command) {
         const int rv = ipmi_emu_register_cmd_handler(kNetFnOem, static_cast<unsigned char>(command), HandleOem, nullptr);
         if (rv != 0) {
-            std::fprintf(stderr, "smm-sim: cannot register netfn 0x3a command %u: %s\n", command, std::strerror(rv));
+            (void)std::fprintf(stderr, "smm-sim: cannot register netfn 0x3a command %u: %s\n", command, std::strerror(rv));
             return rv;
         }
     }
     if (!StartRedfish(error)) {
-        std::fprintf(stderr, "smm-sim: %s\n", error.c_str());
+        (void)std::fprintf(stderr, "smm-sim: %s\n", error.c_str());
         return EADDRINUSE;
     }
     StartWatchdog();

@@ -20,7 +20,7 @@ namespace {
 constexpr char kChassisPath[] = "/redfish/v1/Chassis/2";
 constexpr char kProbeHeader[] = "X-Smm-Sim-Probe";
 // Larger bodies are refused before parsing: the face only ever needs a few members.
-constexpr size_t kMaxBody = 64 * 1024;
+constexpr size_t kMaxBody = size_t{64} * 1024;
 
 enum class Auth { Ok, Missing, Bad };
 
@@ -344,9 +344,7 @@ void Configure(httplib::SSLServer& server) {
     server.Options(".*", NotFound);
     // Recorded before the reply leaves, so a client that has its answer can
     // already find the request in the record.
-    server.set_post_routing_handler([](const httplib::Request& req, httplib::Response& res) {
-        RecordExchange(req, res);
-    });
+    server.set_post_routing_handler(RecordExchange);
 }
 
 }  // namespace
@@ -355,7 +353,7 @@ bool StartRedfish(std::string& error) {
     const Knobs& k = Sim::Instance().knobs();
     if (!k.redfish) return true;
     std::vector<std::string> hosts{k.address};
-    if (k.redfishIpv6) hosts.push_back("::1");
+    if (k.redfishIpv6) hosts.emplace_back("::1");
 
     // The listener threads must leave signals to ipmi_sim's main loop.
     sigset_t all;

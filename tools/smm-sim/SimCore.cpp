@@ -83,12 +83,12 @@ bool ParseRule(const std::string& text, bool withBytes, Rule& rule) {
         unsigned long nth = 0;
         if (!ParseUnsigned(selector.substr(hash + 1), 1000000, nth) || nth == 0) return false;
         rule.nth = static_cast<unsigned>(nth);
-        selector = selector.substr(0, hash);
+        selector.resize(hash);
     }
     const size_t dot = selector.find('.');
     if (dot != std::string::npos) {
         if (!ParseHexByte(selector.substr(dot + 1), rule.data0)) return false;
-        selector = selector.substr(0, dot);
+        selector.resize(dot);
     }
     return ParseHexByte(selector, rule.command);
 }
@@ -110,6 +110,17 @@ bool ParseIpv4(const std::string& text, uint8_t out[4]) {
     if (inet_pton(AF_INET, Trim(text).c_str(), &addr) != 1) return false;
     std::memcpy(out, &addr, 4);
     return true;
+}
+
+// "PATH:LINE: WHAT[DETAIL]", how every complaint about a line of the knobs file reads.
+std::string LineError(const std::string& path, int number, const char* what, const std::string& detail = "") {
+    std::string text = path;
+    text += ':';
+    text += std::to_string(number);
+    text += ": ";
+    text += what;
+    text += detail;
+    return text;
 }
 
 }  // namespace
@@ -153,7 +164,7 @@ bool LoadKnobs(const std::string& path, Knobs& k, std::string& error) {
         if (trimmed.empty() || trimmed[0] == '#') continue;
         const size_t equals = line.find('=');
         if (equals == std::string::npos) {
-            error = path + ":" + std::to_string(number) + ": expected KEY=VALUE";
+            error = LineError(path, number, "expected KEY=VALUE");
             return false;
         }
         const std::string key = Upper(Trim(line.substr(0, equals)));
@@ -217,11 +228,11 @@ bool LoadKnobs(const std::string& path, Knobs& k, std::string& error) {
         } else if (key == "USER_PRIV" || key == "IPMI_PORT" || key == "IPMI_IPV6" || key == "IPMI_IPV6_PORT") {
             // Read by the launcher for lan.conf.
         } else {
-            error = path + ":" + std::to_string(number) + ": unknown key " + key;
+            error = LineError(path, number, "unknown key ", key);
             return false;
         }
         if (!ok) {
-            error = path + ":" + std::to_string(number) + ": bad value for " + key;
+            error = LineError(path, number, "bad value for ", key);
             return false;
         }
     }
@@ -290,7 +301,9 @@ void Sim::PersistLocked() {
     const bool written = ::write(fd, body.data(), body.size()) == static_cast<ssize_t>(body.size());
     ::fsync(fd);
     ::close(fd);
-    if (written) std::rename(temp.c_str(), m_knobs.stateFile.c_str());
+    // A state file that cannot be replaced keeps the last saved state; the
+    // running simulator goes on from memory, so there is nothing else to do.
+    if (written) (void)std::rename(temp.c_str(), m_knobs.stateFile.c_str());
 }
 
 uint8_t Sim::ReadStatus() {
@@ -358,9 +371,12 @@ void Sim::Record(const std::function<void(JsonWriter&)>& fill) {
     w.Double(seconds);
     fill(w);
     w.EndObject();
-    std::fputs(buffer.GetString(), m_record);
-    std::fputc('\n', m_record);
-    std::fflush(m_record);
+    // The record is written on a best-effort basis: a line that cannot be
+    // written shows up as missing to whoever reads the record, and the
+    // simulator must keep answering either way.
+    (void)std::fputs(buffer.GetString(), m_record);
+    (void)std::fputc('\n', m_record);
+    (void)std::fflush(m_record);
 }
 
 void StartWatchdog() {

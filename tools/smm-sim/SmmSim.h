@@ -27,7 +27,13 @@ struct Rule {
     std::vector<uint8_t> bytes;
 };
 
+// Members are grouped by size, largest first, so the struct carries no padding
+// holes between them.
 struct Knobs {
+    std::vector<Rule> cc;
+    std::vector<Rule> drop;
+    std::vector<Rule> response;
+
     std::string address;
     std::string user = "admin";
     std::string password;
@@ -35,32 +41,29 @@ struct Knobs {
     std::string stateFile;
     std::string certFile;
     std::string keyFile;
+    std::string redfishVendor = "present";  // present | absent | malformed
+    std::string getBody;
+    std::string ipv4Text;
+    std::string ipv4Kind = "string";  // string | absent | number
+    std::string patchBody;
+
     int watchPid = 0;  // exit when this process is gone (0: never)
+    unsigned statusDelayReads = 0;
+    int redfishPort = 443;
+    unsigned redfish503 = 0;
+    int patchStatus = 0;  // 0: apply the change and answer 200 with the resource
 
     uint8_t initialStatus = 1;
-    unsigned statusDelayReads = 0;
     uint8_t c4Status = 0;
     bool c4Strict = true;
-    uint8_t smmIp[4] = {192, 0, 2, 100};
-    std::vector<Rule> cc;
-    std::vector<Rule> drop;
-    std::vector<Rule> response;
-
     bool redfish = true;
-    int redfishPort = 443;
     bool redfishIpv6 = false;
-    std::string redfishVendor = "present";  // present | absent | malformed
     bool redfishLanAsString = false;
     bool redfishNonJson = false;
     bool hasGetBody = false;
-    std::string getBody;
     bool hasIpv4Text = false;
-    std::string ipv4Text;
-    std::string ipv4Kind = "string";  // string | absent | number
-    unsigned redfish503 = 0;
-    int patchStatus = 0;  // 0: apply the change and answer 200 with the resource
     bool hasPatchBody = false;
-    std::string patchBody;
+    uint8_t smmIp[4] = {192, 0, 2, 100};
 };
 
 bool LoadKnobs(const std::string& path, Knobs& knobs, std::string& error);
