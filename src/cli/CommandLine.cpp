@@ -1,5 +1,9 @@
 #include "cli/CommandLine.h"
 
+#include <cstring>
+
+#include "cli/ArgvScrub.h"
+
 namespace MorvelCli {
 namespace {
 
@@ -85,6 +89,12 @@ std::string Printable(const std::string& text) {
     return shown;
 }
 
+std::string ShownWord(const std::string& word) {
+    std::string shown = word;
+    if (shown.find('@') != std::string::npos && ScrubBmcValue(&shown[0])) shown.resize(std::strlen(shown.c_str()));
+    return Printable(shown);
+}
+
 bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error) {
     line = CommandLine();
     size_t index = 1;
@@ -106,7 +116,7 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
                 return Fail(error, kExitInvalidParameter, "option --" + name + " takes no value");
             }
             return Fail(error, kExitInvalidParameter,
-                        "unknown host option '" + Printable(word.substr(0, word.find('='))) +
+                        "unknown host option '" + ShownWord(word.substr(0, word.find('='))) +
                             "' (options of a command go after COMMAND SUBCOMMAND)");
         }
         std::string taken;
@@ -132,8 +142,8 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
 
     if (index >= words.size() || (!words[index].empty() && words[index][0] == '-')) {
         return Fail(error, kExitInvalidCommand,
-                    "missing subcommand after '" + Printable(line.command) + "'; run 'morvel " +
-                        Printable(line.command) + " --help' for usage");
+                    "missing subcommand after '" + ShownWord(line.command) + "'; run 'morvel " +
+                        ShownWord(line.command) + " --help' for usage");
     }
     line.subCommand = words[index];
     ++index;

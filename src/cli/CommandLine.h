@@ -56,4 +56,9 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
 // The text with bytes that would garble a terminal line replaced by '?'.
 std::string Printable(const std::string& text);
 
+// A command-line word as messages and the log show it: Printable, and a word
+// shaped like USER:PASSWORD@HOST (a --bmc value in the wrong place) with its
+// password masked the way the argument vector shows it.
+std::string ShownWord(const std::string& word);
+
 }  // namespace MorvelCli

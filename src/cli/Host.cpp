@@ -209,7 +209,7 @@ int RunHost(int argc, char** argv) {
             std::string text;
             if (!CommandHelpText(line.command, text)) {
                 return Fail(kExitInvalidCommand,
-                            "no help for command '" + Printable(line.command) + "'; run 'morvel --help' for the commands");
+                            "no help for command '" + ShownWord(line.command) + "'; run 'morvel --help' for the commands");
             }
             std::cout << text << std::flush;
             return 0;
@@ -222,8 +222,8 @@ int RunHost(int argc, char** argv) {
     int exitStatus = 0;
     if (!OpenLog(line, exitStatus)) return exitStatus;
     PLEXUM_LOG(3, kSource, __LINE__) << "morvel " << VersionNumber() << " pid "
-                                     << ::getpid() << ": command " << Printable(line.command) << ", subcommand "
-                                     << Printable(line.subCommand);
+                                     << ::getpid() << ": command " << ShownWord(line.command) << ", subcommand "
+                                     << ShownWord(line.subCommand);
     if (!LoadConfiguration(line, exitStatus)) return exitStatus;
 
     ModuleLoader loader;

@@ -51,7 +51,7 @@ bool IsValidCommandWord(const std::string& command) {
 bool ModuleLoader::Load(const std::string& directory, const std::string& command, Failure& failure) {
     if (!IsValidCommandWord(command)) {
         failure.exitStatus = kExitInvalidCommand;
-        failure.message = "unknown command '" + Printable(command) + "'; run 'morvel --help' for the commands";
+        failure.message = "unknown command '" + ShownWord(command) + "'; run 'morvel --help' for the commands";
         return false;
     }
     if (directory.empty()) {

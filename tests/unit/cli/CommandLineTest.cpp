@@ -190,4 +190,22 @@ TEST(CommandLine, Printable) {
     EXPECT_EQ(MorvelCli::Printable("plain"), "plain");
 }
 
+TEST(CommandLine, ShownWordMasksAMisplacedPassword) {
+    EXPECT_EQ(MorvelCli::ShownWord("admin:Wq7z@10.0.0.5"), "admin:*@10.0.0.5");
+    EXPECT_EQ(MorvelCli::ShownWord("admin:W:q@7z@[fd00::5]:8443"), "admin:*@[fd00::5]:8443");
+    EXPECT_EQ(MorvelCli::ShownWord("admin:\x1b[2J@h\n"), "admin:*@h?");
+    EXPECT_EQ(MorvelCli::ShownWord("admin@h"), "admin@h");
+    EXPECT_EQ(MorvelCli::ShownWord("[fd00::5]:8443"), "[fd00::5]:8443");
+    EXPECT_EQ(MorvelCli::ShownWord("a:b\x1b"), "a:b?");
+    EXPECT_EQ(MorvelCli::ShownWord(""), "");
+
+    const CommandLineError option = ErrorOf({"--bmc:admin:Wq7z@h", "smmlan", "query"});
+    EXPECT_EQ(option.exitStatus, 5);
+    EXPECT_EQ(option.message,
+              "unknown host option '--bmc:*@h' (options of a command go after COMMAND SUBCOMMAND)");
+    const CommandLineError command = ErrorOf({"admin:Wq7z@h"});
+    EXPECT_EQ(command.exitStatus, 4);
+    EXPECT_EQ(command.message, "missing subcommand after 'admin:*@h'; run 'morvel admin:*@h --help' for usage");
+}
+
 }  // namespace

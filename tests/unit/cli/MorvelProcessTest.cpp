@@ -410,6 +410,31 @@ TEST_F(MorvelProcess, LogLevelReachesTheModule) {
     EXPECT_EQ(result.err, "morvel: --log-level must be a number from 0 to 4\n");
 }
 
+TEST_F(MorvelProcess, MisplacedCredentialsAreMasked) {
+    ProcessResult result = Run({"--log-file", m_log, "admin:Wq7zpass@h", "query"});
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: unknown command 'admin:*@h'; run 'morvel --help' for the commands\n");
+    ExpectNowhere(result, "Wq7zpass");
+
+    result = Run({"--log-file", m_log, "probe", "admin:Wq7zpass@h", "--dump", m_dump});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_NE(ReadWholeFile(m_log).find(": command probe, subcommand admin:*@h\n"), std::string::npos)
+        << ReadWholeFile(m_log);
+    // The probe module echoes its subcommand on purpose; the host's own records must not.
+    std::istringstream records(ReadWholeFile(m_log));
+    for (std::string record; std::getline(records, record);) {
+        if (record.find(" src/cli/") != std::string::npos) {
+            EXPECT_EQ(record.find("Wq7zpass"), std::string::npos) << record;
+        }
+    }
+
+    result = Run({"--bmc:admin:Wq7zpass@h", "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err,
+              "morvel: unknown host option '--bmc:*@h' (options of a command go after COMMAND SUBCOMMAND)\n");
+}
+
 TEST_F(MorvelProcess, DefaultLogFile) {
     const std::string state = m_scratch.Path() + "/state";
     ProcessResult result = Run({"probe", "query"}, {{"XDG_STATE_HOME", state}});
