@@ -1,10 +1,12 @@
 #include "cli/Host.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -132,6 +134,28 @@ UserContext MakeContext(const CommandLine& line, const std::string& modulePath, 
     return context;
 }
 
+// A process started with standard input, output or error closed would hand
+// that descriptor to the first file it opens: the log would then receive the
+// console lines. /dev/null takes the place of a closed one.
+void KeepStandardDescriptorsOpen() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (::fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+        const int opened = ::open("/dev/null", O_RDWR);
+        if (opened > 2) ::close(opened);  // cannot happen while a lower one is free
+    }
+}
+
+// A report that never reached standard output is no success for a script
+// that reads it: the status becomes a generic failure.
+int CheckStandardOutput(int exitStatus) {
+    std::cout.flush();
+    if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout.good()) return exitStatus;
+    const int status = exitStatus == 0 ? 1 : exitStatus;
+    PLEXUM_LOG(1, kSource, __LINE__) << "cannot write standard output (exit status " << status << ")";
+    std::cerr << "morvel: cannot write standard output" << std::endl;
+    return status;
+}
+
 int RunModule(const ModuleLoader& loader, const UserContext& context) {
     MorvelResult result;
     try {
@@ -191,9 +215,12 @@ std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
     return base + "/.local/state/morvel/morvel.log";
 }
 
-int RunHost(int argc, char** argv) {
+namespace {
+
+int RunCommandLine(int argc, char** argv) {
     const std::vector<std::string> words(argv, argv + argc);
     ScrubBmcPasswords(argc, argv);
+    KeepStandardDescriptorsOpen();
 
     CommandLine line;
     CommandLineError parseError;
@@ -237,5 +264,9 @@ int RunHost(int argc, char** argv) {
     if (!ResolveBmc(line, exitStatus)) return exitStatus;
     return RunModule(loader, MakeContext(line, loader.Path(), argc, argv));
 }
+
+}  // namespace
+
+int RunHost(int argc, char** argv) { return CheckStandardOutput(RunCommandLine(argc, argv)); }
 
 }  // namespace MorvelCli

@@ -435,6 +435,48 @@ TEST_F(MorvelProcess, MisplacedCredentialsAreMasked) {
               "morvel: unknown host option '--bmc:*@h' (options of a command go after COMMAND SUBCOMMAND)\n");
 }
 
+TEST_F(MorvelProcess, ClosedStandardOutputKeepsTheLogClean) {
+    ProcessRequest request;
+    request.arguments = {"--log-file", m_log, "probe", "query"};
+    request.environment = Environment();
+    request.standardOutput = ProcessRequest::Output::Closed;
+    const ProcessResult result = RunMorvel(request);
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "");
+    // Nothing but records: the console lines went nowhere, not into the log.
+    const std::vector<std::string> expected = {
+        "INFO src/cli/Host morvel " MORVEL_VERSION " pid " + std::to_string(result.pid) +
+            ": command probe, subcommand query",
+        "INFO src/cli/Host module " + m_modules + "/libmorvel_probe.so",
+        "INFO src/cli/Host no --bmc given",
+        "INFO tests/unit/cli/ProbeModule probe: init",
+        "INFO src/cli/Host init: 0 Succeed.",
+        "INFO tests/unit/cli/ProbeModule probe: run query",
+        "INFO src/cli/Host run: 0 Succeed.",
+        "INFO tests/unit/cli/ProbeModule probe: finish",
+        "INFO src/cli/Host result: 0 Succeed. (exit status 0)",
+    };
+    EXPECT_EQ(LogRecords(m_log), expected);
+}
+
+TEST_F(MorvelProcess, UnwritableStandardOutputFails) {
+    ProcessRequest request;
+    request.arguments = {"--log-file", m_log, "probe", "query"};
+    request.environment = Environment();
+    request.standardOutput = ProcessRequest::Output::Full;
+    ProcessResult result = RunMorvel(request);
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err, "morvel: cannot write standard output\n");
+    EXPECT_EQ(LogRecords(m_log).back(), "ERROR src/cli/Host cannot write standard output (exit status 1)");
+
+    // A failure keeps its own status.
+    request.arguments = {"--log-file", m_log, "probe", "query", "--run-code", "13"};
+    result = RunMorvel(request);
+    EXPECT_EQ(result.exitStatus, 13);
+    EXPECT_EQ(result.err, "13 Connection failed.\nmorvel: cannot write standard output\n");
+}
+
 TEST_F(MorvelProcess, DefaultLogFile) {
     const std::string state = m_scratch.Path() + "/state";
     ProcessResult result = Run({"probe", "query"}, {{"XDG_STATE_HOME", state}});

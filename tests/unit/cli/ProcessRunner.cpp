@@ -56,8 +56,18 @@ ProcessResult RunMorvel(const ProcessRequest& request) {
         }
         const int null = ::open("/dev/null", O_RDONLY);
         ::dup2(null, 0);
-        ::dup2(out[1], 1);
         ::dup2(err[1], 2);
+        switch (request.standardOutput) {
+            case ProcessRequest::Output::Pipe:
+                ::dup2(out[1], 1);
+                break;
+            case ProcessRequest::Output::Closed:
+                ::close(1);
+                break;
+            case ProcessRequest::Output::Full:
+                if (::dup2(::open("/dev/full", O_WRONLY), 1) != 1) ::_exit(126);
+                break;
+        }
         ::execve(argvPointers[0], argvPointers.data(), envpPointers.data());
         ::_exit(127);
     }

@@ -12,6 +12,8 @@ struct ProcessRequest {
     std::map<std::string, std::string> environment;
     bool withTerminal = false;           // give it a pseudo terminal as controlling terminal
     std::string typeAfterPrompt;         // typed on that terminal once "Password: " shows
+    enum class Output { Pipe, Closed, Full };
+    Output standardOutput = Output::Pipe;  // Full: /dev/full, where every write fails
 };
 
 struct ProcessResult {
