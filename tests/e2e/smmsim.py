@@ -472,8 +472,8 @@ class E2ETestCase(unittest.TestCase):
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
 
     def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option",
-                   netns=None, wrapper=None):
-        """Runs build/bin/morvel with args.
+                   netns=None, wrapper=None, binary=MORVEL):
+        """Runs build/bin/morvel (or `binary`) with args.
 
         config: dict written to a file passed with --config (config_via="option") or
         $MORVEL_CONFIG (config_via="env"). The log goes to a file in the test's
@@ -492,7 +492,7 @@ class E2ETestCase(unittest.TestCase):
             else:
                 host_args += ["--config", path]
         extra.update(env or {})
-        argv = list(wrapper or []) + MORVEL_WRAPPER + [MORVEL] + host_args + list(args)
+        argv = list(wrapper or []) + MORVEL_WRAPPER + [binary] + host_args + list(args)
         if netns is not None:
             argv = netns.wrap(argv)
         result = run_command(argv, env=self.env(extra), stdin=stdin, timeout=timeout)

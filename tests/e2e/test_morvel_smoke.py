@@ -4,9 +4,10 @@ A starting point for the command's end-to-end suites: run_morvel() captures
 standard output, standard error, the exit status and the log file exactly.
 """
 
+import os
 import unittest
 
-from smmsim import E2ETestCase
+from smmsim import BUILD_DIR, E2ETestCase, run_command
 
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv"}
 
@@ -26,6 +27,28 @@ class MorvelSmoke(E2ETestCase):
         self.assertEqual(result.stderr, "")
         self.assertEqual(sim.ipmi_requests(), [("f1", "00"), ("c4", "000014932f76322f766f726e2f736d6d2f736d6d5f6970")])
         self.assertNoSecret("s3cret:@x", result.stdout, result.stderr, result.files["log"])
+
+    def test_installed_tree_finds_its_module(self):
+        prefix = self._new_dir("prefix")
+        install = run_command(["cmake", "--install", BUILD_DIR, "--prefix", prefix], env=self.env(), timeout=120)
+        self.assertEqual(install.returncode, 0, install.describe())
+        installed = sorted(os.path.relpath(os.path.join(top, name), prefix)
+                           for top, _, names in os.walk(prefix) for name in names)
+        self.assertEqual(installed, ["bin/morvel", "lib/libmorvel_host.so", "lib/morvel/libmorvel_smmlan.so"])
+
+        sim = self.start_sim(INITIAL_STATUS=1, REDFISH="off", SMM_IP="192.168.1.11")
+        # No MORVEL_MODULE_PATH: the module is found beside the installed binary.
+        result = self.run_morvel(["smmlan", "query", "--bmc", sim.bmc()], config=CONFIG,
+                                 binary=os.path.join(prefix, "bin", "morvel"), env={"MORVEL_MODULE_PATH": ""})
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
+        self.assertEqual(result.stdout,
+                         "************Query Result************\n\n"
+                         "Query SMM network status succeeded\n"
+                         "    Status: Enabled\n"
+                         "    SMM IP: 192.168.1.11\n"
+                         "\n************Query Result************\n"
+                         "0 Succeed.\n")
+        self.assertIn(" module %s/lib/morvel/libmorvel_smmlan.so\n" % prefix, result.files["log"])
 
     def test_enable_over_redfish(self):
         sim = self.start_sim(INITIAL_STATUS=2)
