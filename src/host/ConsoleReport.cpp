@@ -8,8 +8,12 @@ ConsoleReport::ConsoleReport(unsigned level, const char* source, int line)
     : m_level(level), m_source(source), m_line(line) {}
 
 ConsoleReport::~ConsoleReport() {
-    const std::string text = m_stream.str();
-    { Plexum::Log(m_level, m_source, m_line).Stream() << text; }
-    std::ostream& out = m_level >= 2 ? std::cout : std::cerr;
-    out << text << std::endl;
+    // A destructor that throws ends the process; out of memory, the line is lost instead.
+    try {
+        const std::string text = m_stream.str();
+        { Plexum::Log(m_level, m_source, m_line).Stream() << text; }
+        std::ostream& out = m_level >= 2 ? std::cout : std::cerr;
+        out << text << std::endl;
+    } catch (...) {
+    }
 }

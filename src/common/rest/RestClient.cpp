@@ -3,6 +3,7 @@
 #include <cstring>
 #include <locale>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <stdexcept>
 
@@ -118,6 +119,14 @@ struct MimeFree {
     void operator()(curl_mime* mime) const { curl_mime_free(mime); }
 };
 
+// curl_slist_append gives NULL when out of memory and leaves the list as it
+// was: keep the list, so that it is still freed, and fail the request.
+void AppendLine(curl_slist*& list, const std::string& line) {
+    curl_slist* const longer = curl_slist_append(list, line.c_str());
+    if (longer == nullptr) throw std::bad_alloc();
+    list = longer;
+}
+
 size_t ConfiguredMaxBodyBytes() {
     const int configured = Plexum::GetGlobalConfigValue("REST_MAX_BODY_BYTES",
                                                         static_cast<int>(RestClient::kDefaultMaxBodyBytes));
@@ -195,12 +204,13 @@ Response RestClient::Request(RequestType type, const std::string& url, const std
 Response RestClient::Get(const std::string& url) { return Perform(url); }
 
 Response RestClient::PostMime(const std::string& url, const MimeParts& parts, ProgressCallback progress) {
-    curl_easy_setopt(m_handle, CURLOPT_POST, 1L);
     std::unique_ptr<curl_mime, MimeFree> mime(curl_mime_init(m_handle));
     for (const auto& part : parts) {
         curl_mimepart* added = curl_mime_addpart(mime.get());
         if (part) part->Fill(added);
     }
+    // Only now: a part that throws must not leave the next request a POST.
+    curl_easy_setopt(m_handle, CURLOPT_POST, 1L);
     curl_easy_setopt(m_handle, CURLOPT_MIMEPOST, mime.get());
     curl_easy_setopt(m_handle, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(m_handle, CURLOPT_XFERINFOFUNCTION, RelayProgress);
@@ -319,12 +329,10 @@ Response RestClient::Perform(const std::string& url) {
             curl_easy_reset(handle);
         }
     } cleanup{m_handle};
-    curl_slist*& headerList = cleanup.headerList;
-    for (const auto& header : m_headers)
-        headerList = curl_slist_append(headerList, (header.first + ": " + header.second).c_str());
+    for (const auto& header : m_headers) AppendLine(cleanup.headerList, header.first + ": " + header.second);
     // An empty "Expect:" line makes libcurl leave out its Expect: 100-continue.
-    if (m_disableExpect) headerList = curl_slist_append(headerList, "Expect:");
-    curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, headerList);
+    if (m_disableExpect) AppendLine(cleanup.headerList, "Expect:");
+    curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, cleanup.headerList);
 
     if (!m_username.empty()) {
         // libcurl keeps its own copy of the text.
@@ -387,8 +395,8 @@ Response RestClient::Perform(const std::string& url) {
         response.httpCode = static_cast<int32_t>(status);
         curl_slist* cookies = nullptr;
         if (curl_easy_getinfo(m_handle, CURLINFO_COOKIELIST, &cookies) == CURLE_OK && cookies != nullptr) {
+            const std::unique_ptr<curl_slist, void (*)(curl_slist*)> owned(cookies, curl_slist_free_all);
             for (curl_slist* item = cookies; item != nullptr; item = item->next) response.cookies.emplace_back(item->data);
-            curl_slist_free_all(cookies);
         }
     } else {
         response.httpCode = -1;

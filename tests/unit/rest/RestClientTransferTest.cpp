@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdio>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -533,6 +534,31 @@ public:
 private:
     std::string m_name, m_data, m_fileName, m_type;
 };
+
+class ThrowingPart : public Rest::MimePart {
+public:
+    void Fill(curl_mimepart*) const override { throw std::runtime_error("part unreadable"); }
+};
+
+TEST_F(RestClientTransfer, AThrowingPartLeavesTheNextRequestAGet) {
+    RecordingHttpsServer server;
+    server.Script("/after", {Reply::Text(200, "fine")});
+    RestClient client;
+    client.SetCaInfo(CaFile());
+    const Rest::MimeParts parts{std::make_shared<DataPart>("a", "b"), std::make_shared<ThrowingPart>()};
+    try {
+        client.PostMime(server.Url("/upload"), parts, Rest::ProgressCallback());
+        ADD_FAILURE() << "PostMime did not pass the part's exception on";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(), "part unreadable");
+    }
+    const Response response = client.Get(server.Url("/after"));
+    ASSERT_EQ(response.curlCode, 0) << response.body;
+    EXPECT_EQ(response.body, "fine");
+    ASSERT_EQ(server.RequestCount(), 1u);
+    EXPECT_EQ(server.Requests()[0].method, "GET");
+    EXPECT_EQ(server.Requests()[0].body, "");
+}
 
 TEST_F(RestClientTransfer, PostMimeSendsPartsInOrderAndReportsProgress) {
     RecordingHttpsServer server;

@@ -47,7 +47,6 @@ TEST(ResultRegistryTest, MessageIsCopied) {
 
 TEST(ResultRegistryTest, UnregisteredKindZeroNumberIsUnknow) {
     EXPECT_EQ(GetResultMessage(203), "Unknow error");
-    EXPECT_EQ(std::string("Unknow error").size(), 12U);
     EXPECT_EQ(LookupRegisteredMessage(203, 0), "Unknow error");
     // A lookup inserts nothing: asking again still finds nothing.
     EXPECT_EQ(GetResultMessage(203), "Unknow error");
@@ -55,13 +54,11 @@ TEST(ResultRegistryTest, UnregisteredKindZeroNumberIsUnknow) {
 
 TEST(ResultRegistryTest, CodesWithBitsEightToFifteenComeFromTheFixedTable) {
     EXPECT_EQ(GetResultMessage(1537), "Firmware update failed. The update package could not be opened.");
-    EXPECT_EQ(GetResultMessage(1537), FixedMessageTable().at(1537));
-    EXPECT_EQ(GetResultMessage(3086), FixedMessageTable().at(3086));
+    EXPECT_EQ(GetResultMessage(3086), "SMM update failed. The SMM did not report the new firmware version.");
 }
 
 TEST(ResultRegistryTest, FixedTableMissIsUnknownWithTheN) {
     EXPECT_EQ(GetResultMessage(300), "Unknown error");
-    EXPECT_EQ(std::string("Unknown error").size(), 13U);
     EXPECT_EQ(GetResultMessage(0x100), "Unknown error");
     EXPECT_EQ(GetResultMessage(-1), "Unknown error");
 }
