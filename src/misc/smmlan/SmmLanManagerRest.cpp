@@ -197,14 +197,8 @@ int32_t SmmLanManagerRest::update(const std::string& key, const std::string& val
     if (key == "IPMIEnabled") {
         // IPMI over LAN rides on the SMM network: refuse while that is off,
         // judged by the chassis resource as the probe read it.
-        rapidjson::Document document;
-        if (ParseBody(m_response.body, document)) {
-            if (const rapidjson::Value* vendor = FindVendorObject(document)) {
-                if (const rapidjson::Value* lan = FindBool(*vendor, "LANEnabled")) {
-                    m_lanEnabled = lan->IsTrue();
-                }
-            }
-        }
+        bool lanEnabled = false;
+        if (ReadProbeReply(m_response.body, lanEnabled)) m_lanEnabled = lanEnabled;
         if (!m_lanEnabled) {
             PLEXUM_LOG(3, kLogSource, __LINE__) << "smmlan_status: " << static_cast<int>(m_lanEnabled);
             ConsoleReport(3, kLogSource, __LINE__).Stream() << "Enable SMM " << feature << " failed.";
