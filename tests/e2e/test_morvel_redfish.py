@@ -291,7 +291,7 @@ class SettledOverRedfish(RedfishStageCase):
         self.assertEqual(sim.ipmi_requests(), [])
         self.assertEqual(sim.state()["STATUS"], 2)
         self.assertProbeTrue(result)
-        self.assertLogHas(result, ("INFO", "Src/Misc/SmmLan/SmmLanManagerrest", "209", "smmlan_status: 0"))
+        self.assertLogHas(result, ("INFO", "Src/Misc/SmmLan/SmmLanManagerrest", "203", "smmlan_status: 0"))
 
     def test_patch_refused_with_400_and_no_body_is_internal_error(self):
         sim = self.start_sim(INITIAL_STATUS=2, PATCH_STATUS=400)
@@ -303,7 +303,7 @@ class SettledOverRedfish(RedfishStageCase):
         self.assertEqual(sim.ipmi_requests(), [])
         self.assertEqual(sim.state()["STATUS"], 2)
         self.assertProbeTrue(result)
-        self.assertLogHas(result, ("INFO", "Src/Misc/SmmLan/SmmLanManagerrest", "226",
+        self.assertLogHas(result, ("INFO", "Src/Misc/SmmLan/SmmLanManagerrest", "220",
                                    "curl code:0 status code:400 return msg: "))
 
     def test_disable_refused_with_400_is_not_retried_over_ipmi(self):
