@@ -197,8 +197,8 @@ int32_t SmmLanManagerRest::update(const std::string& key, const std::string& val
     if (key == "IPMIEnabled") {
         // IPMI over LAN rides on the SMM network: refuse while that is off,
         // judged by the chassis resource as the probe read it.
-        bool lanEnabled = false;
-        if (ReadProbeReply(m_response.body, lanEnabled)) m_lanEnabled = lanEnabled;
+        // It leaves the flag alone when the reply does not say.
+        (void)ReadProbeReply(m_response.body, m_lanEnabled);
         if (!m_lanEnabled) {
             PLEXUM_LOG(3, kLogSource, __LINE__) << "smmlan_status: " << static_cast<int>(m_lanEnabled);
             ConsoleReport(3, kLogSource, __LINE__).Stream() << "Enable SMM " << feature << " failed.";

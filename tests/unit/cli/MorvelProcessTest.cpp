@@ -47,11 +47,13 @@ protected:
     }
 
     ProcessResult Run(const std::vector<std::string>& arguments,
-                      const std::map<std::string, std::string>& extra = {}) const {
+                      const std::map<std::string, std::string>& extra = {},
+                      ProcessRequest::Output output = ProcessRequest::Output::Pipe) const {
         ProcessRequest request;
         request.arguments = arguments;
         request.environment = Environment();
         for (const auto& entry : extra) request.environment[entry.first] = entry.second;
+        request.standardOutput = output;
         return RunMorvel(request);
     }
 
@@ -436,11 +438,7 @@ TEST_F(MorvelProcess, MisplacedCredentialsAreMasked) {
 }
 
 TEST_F(MorvelProcess, ClosedStandardOutputKeepsTheLogClean) {
-    ProcessRequest request;
-    request.arguments = {"--log-file", m_log, "probe", "query"};
-    request.environment = Environment();
-    request.standardOutput = ProcessRequest::Output::Closed;
-    const ProcessResult result = RunMorvel(request);
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "query"}, {}, ProcessRequest::Output::Closed);
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(result.out, "");
     EXPECT_EQ(result.err, "");
@@ -461,18 +459,13 @@ TEST_F(MorvelProcess, ClosedStandardOutputKeepsTheLogClean) {
 }
 
 TEST_F(MorvelProcess, UnwritableStandardOutputFails) {
-    ProcessRequest request;
-    request.arguments = {"--log-file", m_log, "probe", "query"};
-    request.environment = Environment();
-    request.standardOutput = ProcessRequest::Output::Full;
-    ProcessResult result = RunMorvel(request);
+    ProcessResult result = Run({"--log-file", m_log, "probe", "query"}, {}, ProcessRequest::Output::Full);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.err, "morvel: cannot write standard output\n");
     EXPECT_EQ(LogRecords(m_log).back(), "ERROR src/cli/Host cannot write standard output (exit status 1)");
 
     // A failure keeps its own status.
-    request.arguments = {"--log-file", m_log, "probe", "query", "--run-code", "13"};
-    result = RunMorvel(request);
+    result = Run({"--log-file", m_log, "probe", "query", "--run-code", "13"}, {}, ProcessRequest::Output::Full);
     EXPECT_EQ(result.exitStatus, 13);
     EXPECT_EQ(result.err, "13 Connection failed.\nmorvel: cannot write standard output\n");
 }

@@ -65,7 +65,7 @@ ProcessResult RunMorvel(const ProcessRequest& request) {
                 ::close(1);
                 break;
             case ProcessRequest::Output::Full:
-                if (::dup2(::open("/dev/full", O_WRONLY), 1) != 1) ::_exit(126);
+                if (::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), 1) != 1) ::_exit(126);
                 break;
         }
         ::execve(argvPointers[0], argvPointers.data(), envpPointers.data());
