@@ -34,6 +34,8 @@ import time
 import unittest
 from dataclasses import dataclass, field
 
+import preflight
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 SOURCE_DIR = os.path.dirname(os.path.dirname(HERE))
 BUILD_DIR = os.environ.get("MORVEL_BUILD_DIR") or os.path.join(SOURCE_DIR, "build")
@@ -41,6 +43,7 @@ SMM_SIM = os.environ.get("SMM_SIM_LAUNCHER") or os.path.join(BUILD_DIR, "bin", "
 MORVEL = os.environ.get("MORVEL_BINARY") or os.path.join(BUILD_DIR, "bin", "morvel")
 MODULE_DIR = os.environ.get("MORVEL_MODULE_DIR") or os.path.join(BUILD_DIR, "lib", "morvel")
 IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DIR, "bin", "ipmi_client_probe")
+PEAK_RSS = os.environ.get("PEAK_RSS") or os.path.join(BUILD_DIR, "bin", "peak_rss")
 LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettempdir(), "morvel-e2e-locks")
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
 # Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
@@ -54,7 +57,7 @@ def peak_rss_bound_kib(plain_mib, instrumented_mib):
     return (instrumented_mib if MORVEL_WRAPPER or SANITIZED else plain_mib) * 1024
 
 # 127.0.0.1 stays free for everything else on the machine.
-ADDRESS_RANGE = range(20, 251)
+ADDRESS_RANGE = range(preflight.FIRST_ADDRESS, preflight.LAST_ADDRESS + 1)
 
 
 class Lease:
@@ -102,7 +105,8 @@ def lease_address(udp_port=623, tcp_port=443):
                 tcp_port is None or _bindable(socket.AF_INET, socket.SOCK_STREAM, address, tcp_port)):
             return address, lease
         lease.release()
-    raise RuntimeError("no free loopback address in 127.0.0.%d-%d" % (ADDRESS_RANGE[0], ADDRESS_RANGE[-1]))
+    raise RuntimeError("\n".join(["no free loopback address in 127.0.0.%d-%d" % (ADDRESS_RANGE[0], ADDRESS_RANGE[-1])]
+                                 + preflight.port_clashes(tcp_port or preflight.TCP_PORT, udp_port)))
 
 
 def lease_port(host="::1"):
@@ -130,6 +134,9 @@ class CommandResult:
     stderr: str
     elapsed: float
     files: dict = field(default_factory=dict)
+    # The run's peak resident set in KiB, when it was measured (run_morvel(measure_rss=True)):
+    # the morvel process, or valgrind with it under MORVEL_WRAPPER.
+    peak_rss_kib: int = None
 
     def describe(self):
         return "argv: %r\nexit: %d (%.2f s)\n--- stdout ---\n%s--- stderr ---\n%s" % (
@@ -407,8 +414,25 @@ class Sim:
             return ""
 
 
+_machine_problems = None
+
+
+def check_machine():
+    """Raises once per process, with one line per problem, when the machine lacks what the suites need."""
+    global _machine_problems
+    if _machine_problems is None:
+        _machine_problems = preflight.problems()
+    if _machine_problems:
+        raise RuntimeError("this machine cannot run the end-to-end tests:\n" + "\n".join(_machine_problems))
+
+
 class E2ETestCase(unittest.TestCase):
     """Base class: a private temporary directory, simulators and runs that clean up after themselves."""
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        check_machine()
 
     def setUp(self):
         super().setUp()
@@ -472,13 +496,14 @@ class E2ETestCase(unittest.TestCase):
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
 
     def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option",
-                   netns=None, wrapper=None, binary=MORVEL):
+                   netns=None, wrapper=None, binary=MORVEL, measure_rss=False):
         """Runs build/bin/morvel (or `binary`) with args.
 
         config: dict written to a file passed with --config (config_via="option") or
         $MORVEL_CONFIG (config_via="env"). The log goes to a file in the test's
         directory; its text is in result.files["log"]. wrapper: words run before
-        the binary (and before $MORVEL_WRAPPER), e.g. /usr/bin/time.
+        the binary (and before $MORVEL_WRAPPER). measure_rss: run it under
+        peak_rss and set result.peak_rss_kib.
         """
         log_file = os.path.join(self._new_dir("log"), "morvel.log")
         host_args = ["--log-file", log_file]
@@ -493,9 +518,15 @@ class E2ETestCase(unittest.TestCase):
                 host_args += ["--config", path]
         extra.update(env or {})
         argv = list(wrapper or []) + MORVEL_WRAPPER + [binary] + host_args + list(args)
+        peak_file = os.path.join(os.path.dirname(log_file), "peak-rss-kib")
+        if measure_rss:
+            argv = [PEAK_RSS, peak_file] + argv
         if netns is not None:
             argv = netns.wrap(argv)
         result = run_command(argv, env=self.env(extra), stdin=stdin, timeout=timeout)
+        if measure_rss:
+            with open(peak_file, encoding="ascii") as f:
+                result.peak_rss_kib = int(f.read())
         try:
             with open(log_file, encoding="utf-8", errors="replace") as f:
                 result.files["log"] = f.read()

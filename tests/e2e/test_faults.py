@@ -399,9 +399,9 @@ class SessionStartRelay:
 # ---------------------------------------------------------------------------
 
 class FaultCase(E2ETestCase):
-    def query(self, sim, config=None, netns=None, bmc=None, log_level=4, wrapper=None, timeout=300):
+    def query(self, sim, config=None, netns=None, bmc=None, log_level=4, timeout=300, measure_rss=False):
         return self.run_morvel(["smmlan", "query", "--bmc", bmc or sim.bmc()], config=dict(CONFIG, **(config or {})),
-                               log_level=log_level, netns=netns, wrapper=wrapper, timeout=timeout)
+                               log_level=log_level, netns=netns, timeout=timeout, measure_rss=measure_rss)
 
     def assertRun(self, result, returncode, stdout, stderr=""):
         self.assertEqual((result.stdout, result.stderr, result.returncode), (stdout, stderr, returncode),
@@ -586,13 +586,10 @@ class RedfishFaults(FaultCase):
 
     def test_endless_body_ends_at_the_body_cap(self):
         sim, server = self.start_pair(endless_chunks)
-        peak_file = os.path.join(self.tmp, "peak-rss-kib")
         cap = 8 << 20
-        result = self.query(sim, config={"REST_MAX_BODY_BYTES": str(cap)},
-                            wrapper=["/usr/bin/time", "-f", "%M", "-o", peak_file])
+        result = self.query(sim, config={"REST_MAX_BODY_BYTES": str(cap)}, measure_rss=True)
         self.assertIpmiFallback(sim, result, 15)
-        with open(peak_file, encoding="utf-8") as f:
-            peak_kib = int(f.read().split()[-1])
+        peak_kib = result.peak_rss_kib
         # The client hung up once the cap was passed, not at the 60-second limit.
         self.assertGreaterEqual(server.sent, cap - 65536)
         self.assertLess(server.sent, 256 << 20)
@@ -615,11 +612,11 @@ class RedfishFaults(FaultCase):
 class HostileReplies(FaultCase):
     """Bodies no SMM should send: no crash, the documented result, IPv4 text printed as it came."""
 
-    def query_body(self, body, wrapper=None):
+    def query_body(self, body, measure_rss=False):
         sim = self.start_sim(INITIAL_STATUS=1, REDFISH="off")
         server = FaultServer(sim.address, 443, serve(body))
         self.addCleanup(server.close)
-        result = self.query(sim, wrapper=wrapper)
+        result = self.query(sim, measure_rss=measure_rss)
         self.assertEqual(server.requests, [("GET", CHASSIS)])
         return sim, result
 
@@ -677,12 +674,10 @@ class HostileReplies(FaultCase):
         self.assertRedfishQuery(sim, result, BOTH_OFF, b"192.0.2.1")
 
     def test_50_mib_body(self):
-        peak_file = os.path.join(self.tmp, "peak-rss-kib")
         body = b'{"Pad":"' + b"x" * (50 << 20) + b'",' + vendor_body()[1:]
-        sim, result = self.query_body(body, wrapper=["/usr/bin/time", "-f", "%M", "-o", peak_file])
+        sim, result = self.query_body(body, measure_rss=True)
         self.assertRedfishQuery(sim, result, LAN_ONLY, b"192.0.2.7", max_seconds=20)
-        with open(peak_file, encoding="utf-8") as f:
-            peak_kib = int(f.read().split()[-1])
+        peak_kib = result.peak_rss_kib
         # The body, the grown buffer it was read into and the parsed copy, not more.
         self.assertLess(peak_kib, peak_rss_bound_kib(256, 2048))
         sys.stderr.write("\n[faults] 50 MiB body: peak RSS %.1f MiB, %.1f s\n" % (peak_kib / 1024, result.elapsed))
