@@ -1,5 +1,10 @@
 #include "cli/HelpText.h"
 
+#include <algorithm>
+#include <cctype>
+
+#include "cli/CommandLine.h"
+
 #ifndef MORVEL_VERSION
 #error "MORVEL_VERSION must be defined by the build"
 #endif
@@ -33,6 +38,29 @@ std::string HostHelpText() {
            "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/lib/morvel.\n"
            "\n"
            "Run 'morvel COMMAND --help' for the usage of a command.\n";
+}
+
+const std::vector<std::string>& KnownSubcommands(const std::string& command) {
+    static const std::vector<std::string> smmlan = {"enable", "disable", "enableipmi", "query"};
+    static const std::vector<std::string> none;
+    return command == "smmlan" ? smmlan : none;
+}
+
+std::string UnknownSubcommandNote(const std::string& command, const std::string& word, bool caseOnly) {
+    const std::vector<std::string>& known = KnownSubcommands(command);
+    if (known.empty() || std::find(known.begin(), known.end(), word) != known.end()) return std::string();
+    const auto sameLetters = [&word](const std::string& name) {
+        return name.size() == word.size() &&
+               std::equal(name.begin(), name.end(), word.begin(), [](char a, char b) {
+                   return std::tolower(static_cast<unsigned char>(a)) == std::tolower(static_cast<unsigned char>(b));
+               });
+    };
+    const auto match = std::find_if(known.begin(), known.end(), sameLetters);
+    if (match != known.end()) return "subcommands are case-sensitive: did you mean '" + *match + "'?";
+    if (caseOnly) return std::string();
+    std::string list;
+    for (size_t i = 0; i < known.size(); ++i) list += (i == 0 ? "" : i + 1 == known.size() ? " and " : ", ") + known[i];
+    return "unknown subcommand '" + ShownWord(word) + "' of " + command + "; the subcommands are " + list;
 }
 
 bool CommandHelpText(const std::string& command, std::string& text) {

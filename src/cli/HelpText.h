@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 namespace MorvelCli {
 
@@ -16,5 +17,15 @@ std::string HostHelpText();
 // The usage of one command, for morvel COMMAND --help; false for a command
 // the host has no usage text for.
 bool CommandHelpText(const std::string& command, std::string& text);
+
+// The subcommands of a command this host has usage text for, in the order the
+// usage lists them; empty for any other command (its module answers for itself).
+const std::vector<std::string>& KnownSubcommands(const std::string& command);
+
+// For a word that is not one of the command's known subcommands: one line,
+// without the "morvel: " prefix, that says so; empty when the word is one, or
+// the host does not know the command's subcommands. `caseOnly` limits it to a
+// word that differs from a subcommand in letter case alone.
+std::string UnknownSubcommandNote(const std::string& command, const std::string& word, bool caseOnly);
 
 }  // namespace MorvelCli

@@ -117,6 +117,25 @@ bool ResolveBmc(CommandLine& line, int& exitStatus) {
     return true;
 }
 
+// A subcommand the command does not have can never work: with no password
+// given anywhere it is refused at once instead of after a password prompt.
+// Otherwise the module answers it as always, and `caseNote` (empty unless only
+// the letter case is wrong) goes just before the result line.
+bool CheckSubcommand(const CommandLine& line, std::string& caseNote, int& exitStatus) {
+    caseNote = UnknownSubcommandNote(line.command, line.subCommand, true);
+    const auto found = line.options.find("bmc");
+    Plexum::BmcTarget target;
+    std::string error;
+    if (found == line.options.end() || !Plexum::ParseBmcTarget(found->second, target, error)) return true;
+    const bool passwordGiven =
+        target.hasPassword || Environment("MORVEL_BMC_PASSWORD") != nullptr || !line.PasswordFile().empty();
+    const std::string note = UnknownSubcommandNote(line.command, line.subCommand, false);
+    if (passwordGiven || note.empty()) return true;
+    exitStatus = Fail(kExitInvalidCommand, note);
+    std::cerr << MorvelResult(kExitInvalidCommand) << std::endl;
+    return false;
+}
+
 UserContext MakeContext(const CommandLine& line, const std::string& modulePath, int argc, char** argv) {
     UserContext context;
     context.program = argv[0] != nullptr ? argv[0] : "morvel";
@@ -156,7 +175,7 @@ int CheckStandardOutput(int exitStatus) {
     return status;
 }
 
-int RunModule(const ModuleLoader& loader, const UserContext& context) {
+int RunModule(const ModuleLoader& loader, const UserContext& context, const std::string& invalidCommandNote) {
     MorvelResult result;
     try {
         std::unique_ptr<basic_app> app(loader.CreateInstance());
@@ -179,6 +198,10 @@ int RunModule(const ModuleLoader& loader, const UserContext& context) {
         return Fail(kExitInternalError, "module " + context.command + " failed: " + Printable(exception.what()));
     } catch (...) {
         return Fail(kExitInternalError, "module " + context.command + " failed with an unknown exception");
+    }
+    if (result == kExitInvalidCommand && !invalidCommandNote.empty()) {
+        PLEXUM_LOG(3, kSource, __LINE__) << invalidCommandNote;
+        std::cerr << "morvel: " << invalidCommandNote << std::endl;
     }
     std::ostream& out = result == 0 ? std::cout : std::cerr;
     out << result << std::endl;
@@ -261,8 +284,10 @@ int RunCommandLine(int argc, char** argv) {
     }
     PLEXUM_LOG(3, kSource, __LINE__) << "module " << loader.Path();
 
+    std::string caseNote;
+    if (!CheckSubcommand(line, caseNote, exitStatus)) return exitStatus;
     if (!ResolveBmc(line, exitStatus)) return exitStatus;
-    return RunModule(loader, MakeContext(line, loader.Path(), argc, argv));
+    return RunModule(loader, MakeContext(line, loader.Path(), argc, argv), caseNote);
 }
 
 }  // namespace

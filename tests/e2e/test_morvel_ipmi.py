@@ -393,16 +393,34 @@ class Unreachable(SmmLanOverIpmi):
 class CommandLine(SmmLanOverIpmi):
     def test_unknown_or_capitalised_subcommand_is_4_without_traffic(self):
         sim = self.start(INITIAL_STATUS=1)
-        for word in ("bogus", "Query"):
+        notes = {"bogus": "", "Query": "morvel: subcommands are case-sensitive: did you mean 'query'?\n"}
+        for word, note in notes.items():
             with self.subTest(word=word):
                 result = self.smmlan(sim, word)
-                self.assertResult(result, 4, "", "4 Invalid command.\n")
+                self.assertResult(result, 4, "", note + "4 Invalid command.\n")
                 self.assertIpmiOnly(sim, result, [])
                 records = log_records(result.files["log"])
                 # The IPMI stage got its connection and built its client, but never opened it.
                 self.assertIn(("TRACE", "src/host/MorvelConnect", "IPMI connection to %s port 443 as admin" % sim.address),
                               records)
                 self.assertEqual([r for r in records if r[1] == CLIENT], [])
+
+    def test_unknown_subcommand_without_a_password_is_4_without_asking(self):
+        sim = self.start(INITIAL_STATUS=1)
+        lines = {"Query": "morvel: subcommands are case-sensitive: did you mean 'query'?\n",
+                 "bogus": "morvel: unknown subcommand 'bogus' of smmlan; the subcommands are enable, disable, "
+                          "enableipmi and query\n"}
+        for word, line in lines.items():
+            with self.subTest(word=word):
+                # No password anywhere and no terminal: a known word would end with "no password", exit 5.
+                result = self.run_morvel(["smmlan", word, "--bmc", "admin@" + sim.address], config=CONFIG, log_level=4)
+                self.assertResult(result, 4, "", line + "4 Invalid command.\n")
+                self.assertEqual((sim.ipmi_requests(), sim.redfish_requests()), ([], []))
+                self.assertIn(("ERROR", "src/cli/Host", line[len("morvel: "):-1] + " (exit status 4)"),
+                              log_records(result.files["log"]))
+        known = self.run_morvel(["smmlan", "query", "--bmc", "admin@" + sim.address], config=CONFIG)
+        self.assertEqual((known.returncode, known.stdout), (5, ""))
+        self.assertIn("morvel: no password: ", known.stderr)
 
     def test_missing_bmc_is_5_without_traffic(self):
         sim = self.start(INITIAL_STATUS=1)

@@ -381,11 +381,12 @@ class SettledOverRedfish(RedfishStageCase):
 
     def test_unknown_or_miscased_subcommand_is_invalid_command(self):
         sim = self.start_sim(INITIAL_STATUS=1)
-        words = ["Enable", "frobnicate", "Query", "ENABLEIPMI", "enable "]
-        for count, word in enumerate(words, 1):
+        words = {"Enable": "enable", "frobnicate": None, "Query": "query", "ENABLEIPMI": "enableipmi", "enable ": None}
+        for count, (word, meant) in enumerate(words.items(), 1):
             with self.subTest(word=word):
                 result = self.smmlan(sim, word)
-                self.assertRun(result, 4, "", "4 Invalid command.\n")
+                note = "morvel: subcommands are case-sensitive: did you mean '%s'?\n" % meant if meant else ""
+                self.assertRun(result, 4, "", note + "4 Invalid command.\n")
                 self.assertEqual(sim.redfish_requests(), [GET] * count)
                 self.assertEqual(sim.ipmi_requests(), [])
                 self.assertProbeTrue(result)
@@ -590,7 +591,8 @@ class PassedOnToIpmi(RedfishStageCase):
     def test_unknown_subcommand_goes_to_ipmi_when_the_probe_fails(self):
         sim = self.start_sim(INITIAL_STATUS=1, REDFISH_LAN_AS_STRING="on")
         result = self.smmlan(sim, "Enable")
-        self.assertRun(result, 4, "", "4 Invalid command.\n")
+        self.assertRun(result, 4, "", "morvel: subcommands are case-sensitive: did you mean 'enable'?\n"
+                                      "4 Invalid command.\n")
         self.assertEqual(sim.redfish_requests(), [GET])
         # The IPMI stage answers the word itself before any request.
         self.assertEqual(sim.ipmi_requests(), [])

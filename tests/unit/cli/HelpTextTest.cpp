@@ -65,4 +65,26 @@ TEST(HelpText, OnlyKnownCommands) {
     EXPECT_EQ(text, "untouched");
 }
 
+TEST(HelpText, KnownSubcommands) {
+    EXPECT_EQ(MorvelCli::KnownSubcommands("smmlan"),
+              (std::vector<std::string>{"enable", "disable", "enableipmi", "query"}));
+    EXPECT_TRUE(MorvelCli::KnownSubcommands("probe").empty());
+}
+
+TEST(HelpText, UnknownSubcommandNote) {
+    using MorvelCli::UnknownSubcommandNote;
+    EXPECT_EQ(UnknownSubcommandNote("smmlan", "query", false), "");
+    EXPECT_EQ(UnknownSubcommandNote("smmlan", "EnableIPMI", true),
+              "subcommands are case-sensitive: did you mean 'enableipmi'?");
+    EXPECT_EQ(UnknownSubcommandNote("smmlan", "QUERY", false), "subcommands are case-sensitive: did you mean 'query'?");
+    EXPECT_EQ(UnknownSubcommandNote("smmlan", "quer", true), "");
+    EXPECT_EQ(UnknownSubcommandNote("smmlan", "enable ", false),
+              "unknown subcommand 'enable ' of smmlan; the subcommands are enable, disable, enableipmi and query");
+    // A pasted credential in the subcommand's place is masked, control bytes shown as '?'.
+    EXPECT_EQ(UnknownSubcommandNote("smmlan", "admin:pw@h\x1b", false),
+              "unknown subcommand 'admin:*@h?' of smmlan; the subcommands are enable, disable, enableipmi and query");
+    // Commands the host knows no subcommands of are left to their module.
+    EXPECT_EQ(UnknownSubcommandNote("probe", "Query", false), "");
+}
+
 }  // namespace
