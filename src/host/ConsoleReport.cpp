@@ -1,8 +1,7 @@
 #include "host/ConsoleReport.h"
 
-#include <iostream>
-
 #include "host/Log.h"
+#include "host/RunContext.h"
 
 ConsoleReport::ConsoleReport(unsigned level, const char* source, int line)
     : m_level(level), m_source(source), m_line(line) {}
@@ -12,8 +11,7 @@ ConsoleReport::~ConsoleReport() {
     try {
         const std::string text = m_stream.str();
         { Plexum::Log(m_level, m_source, m_line).Stream() << text; }
-        std::ostream& out = m_level >= 2 ? std::cout : std::cerr;
-        out << text << std::endl;
+        Plexum::RunContext::Current().WriteConsole(m_level, text);
     } catch (...) {
     }
 }

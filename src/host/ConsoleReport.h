@@ -4,7 +4,8 @@
 
 // One line of user-visible text. On destruction it is logged at its level and
 // written with a line end and a flush to standard output (level 2 and up) or
-// standard error (below 2).
+// standard error (below 2); in a run over one of many targets it is kept in
+// that target's run context instead (Plexum::RunContext).
 class ConsoleReport {
 public:
     ConsoleReport(unsigned level, const char* source, int line);

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
-#include <cstdlib>
+#include <cstdint>
 #include <sstream>
 
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
+#include "host/RunContext.h"
 
 namespace Plexum {
 namespace {
@@ -182,7 +182,7 @@ IpmiClient::~IpmiClient() {
     if (m_impl) m_impl->Destroy(true);
 }
 
-int32_t IpmiClient::Open() {
+int32_t IpmiClient::OpenSession() {
     // A context is never reused: one whose session timed out stays broken.
     m_impl->Destroy(true);
 
@@ -280,5 +280,16 @@ int32_t IpmiClient::SendRequest(const IpmiRequest& request, std::vector<uint8_t>
     response.assign(rs + 2, rs + got);
     return 0;
 }
+
+int32_t IpmiClient::Open() {
+    // A session start is a wait on the network: a run asked to stop starts none.
+    RunContext::Current().InterruptionPoint();
+    const int32_t opened = OpenSession();
+    // A session, or refused credentials: either way the controller answered over IPMI.
+    if (opened == 0 || opened == kOpenRefused) RunContext::Current().NoteProtocol(Protocol::Ipmi);
+    return opened;
+}
+
+int IpmiClient::InitializeLibrary() { return ipmi_rmcpplus_init(); }
 
 }  // namespace Plexum

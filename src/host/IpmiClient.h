@@ -34,11 +34,18 @@ public:
                                 uint8_t& completionCode);
     virtual ~IpmiClient();
 
+    // Sets up the crypto libraries FreeIPMI uses; call it once before threads that
+    // use clients start. 0 on success.
+    static int InitializeLibrary();
+
     static constexpr int32_t kOpenRefused = 2;
     static constexpr int32_t kOpenFailed = 1;
     static constexpr uint8_t kNoReply = 0xFF;
 
 protected:
+    // Open's work: FreeIPMI's session start, tried up to count times.
+    int32_t OpenSession();
+
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

@@ -13,6 +13,8 @@
 #include <ctime>
 #include <mutex>
 
+#include "host/RunContext.h"
+
 namespace Plexum {
 namespace {
 
@@ -85,6 +87,7 @@ void FileLogSink::Write(const LogRecord& record) {
     std::string line;
     line.reserve(64 + record.source.size() + record.text.size());
     line.append(stamp, stampLength).append(fraction, fractionLength).append(" ").append(LevelName(record.level)).append(" ");
+    if (!record.target.empty()) line.append("[").append(record.target).append("] ");
     line.append(record.source).append(":").append(std::to_string(record.line)).append(" ");
     line.append(record.text).append("\n");
     // One write per record keeps records whole when several processes share the file.
@@ -110,7 +113,7 @@ Log::~Log() {
     }
     if (!sink) return;
     try {
-        sink->Write(LogRecord{m_level, m_source ? m_source : "", m_line, m_stream.str()});
+        sink->Write(LogRecord{m_level, m_source ? m_source : "", m_line, m_stream.str(), RunContext::Current().Label()});
     } catch (...) {
         // Logging never takes the command down.
     }

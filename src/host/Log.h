@@ -11,6 +11,7 @@ struct LogRecord {
     std::string source;
     int line = 0;
     std::string text;
+    std::string target;  // the label of the target whose run made it; empty outside such runs
 };
 
 // Where emitted records go. The host installs a file sink; tests install their own.
@@ -21,7 +22,8 @@ public:
 };
 
 // Appends "YYYY-MM-DD HH:MM:SS.mmm LEVEL source:line text" lines to a file
-// created with mode 0600 (records may name addresses and users).
+// created with mode 0600 (records may name addresses and users); a record of a
+// target's run has "[LABEL] " after the level.
 class FileLogSink : public LogSink {
 public:
     // Opens (creating parent directories) or fails with a message in `error`.

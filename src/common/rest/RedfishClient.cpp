@@ -1,11 +1,11 @@
 #include "common/rest/RedfishClient.h"
 
 #include <chrono>
-#include <thread>
 #include <utility>
 
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
+#include "host/RunContext.h"
 
 namespace Rest {
 namespace {
@@ -18,10 +18,6 @@ constexpr int kGetLogLine = 108;
 constexpr int32_t kDefaultStartupWaitSeconds = 180;
 constexpr int64_t kPollIntervalMilliseconds = 5000;
 
-// Seconds configured for the start-up wait; 0 means not read yet. Process-wide,
-// unlocked: a race on first use can only read the key twice.
-int32_t g_startupWaitSeconds = 0;
-
 std::function<void(int64_t)>& SleepHook() {
     static std::function<void(int64_t)> hook;
     return hook;
@@ -32,11 +28,12 @@ std::function<int64_t()>& ClockHook() {
     return hook;
 }
 
+// The run's own sleep: a run asked to stop wakes at once.
 void SleepMilliseconds(int64_t milliseconds) {
     if (SleepHook())
         SleepHook()(milliseconds);
     else
-        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        Plexum::RunContext::Current().Sleep(static_cast<uint64_t>(milliseconds));
 }
 
 int64_t MonotonicNanoseconds() {
@@ -45,10 +42,12 @@ int64_t MonotonicNanoseconds() {
         .count();
 }
 
+// The configured seconds are read once per run (the process, for a single
+// target) and kept in its context; 0 there means not read yet.
 StartupWaitPolicy CurrentStartupWaitPolicy() {
-    if (g_startupWaitSeconds == 0)
-        g_startupWaitSeconds = Plexum::GetGlobalConfigValue("REDFISH_STARTUP_WAIT_TIME", kDefaultStartupWaitSeconds);
-    return StartupWaitPolicy{static_cast<int64_t>(g_startupWaitSeconds) * 1000, kPollIntervalMilliseconds};
+    int32_t& seconds = Plexum::RunContext::Current().StartupWaitSeconds();
+    if (seconds == 0) seconds = Plexum::GetGlobalConfigValue("REDFISH_STARTUP_WAIT_TIME", kDefaultStartupWaitSeconds);
+    return StartupWaitPolicy{static_cast<int64_t>(seconds) * 1000, kPollIntervalMilliseconds};
 }
 
 // Only "503 with a completed transfer" means the service is still starting.
@@ -77,7 +76,7 @@ void RedfishClient::SetSleepFunction(std::function<void(int64_t milliseconds)> s
 
 void RedfishClient::SetClockFunction(std::function<int64_t()> nanoseconds) { ClockHook() = std::move(nanoseconds); }
 
-void RedfishClient::ResetStartupWaitCache() { g_startupWaitSeconds = 0; }
+void RedfishClient::ResetStartupWaitCache() { Plexum::RunContext::Current().StartupWaitSeconds() = 0; }
 
 void RedfishClient::SetCredentials(const std::string& username, const std::string& password) {
     m_client.SetCredentials(username, password);

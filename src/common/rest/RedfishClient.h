@@ -18,7 +18,7 @@ struct StartupWaitPolicy {
 // The client of a management controller's Redfish service. Every direct request
 // is repeated every 5 seconds while the service answers HTTP 503 (still
 // starting), for at most REDFISH_STARTUP_WAIT_TIME seconds (default 180, read
-// once per process); Get also logs its URL. All HTTP work is done by the
+// once per run: per process for one target); Get also logs its URL. All HTTP work is done by the
 // RestClient it holds. Made with std::make_shared by its users.
 class RedfishClient : public RestClientInterface {
 public:

@@ -135,7 +135,18 @@ size_t ConfiguredMaxBodyBytes() {
 
 }  // namespace
 
-RestClient::RestClient() : m_handle(curl_easy_init()) {
+namespace {
+
+// libcurl's global set-up, once per process and before any handle: left to
+// curl_easy_init it would run on whichever thread comes first, unguarded.
+CURL* NewHandle() {
+    static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
+    return initialised == CURLE_OK ? curl_easy_init() : nullptr;
+}
+
+}  // namespace
+
+RestClient::RestClient() : m_handle(NewHandle()) {
     if (m_handle == nullptr) throw std::runtime_error("Couldn't initialize curl handle");
     m_maxBodyBytes = ConfiguredMaxBodyBytes();
 }

@@ -8,6 +8,7 @@
 #include "host/IpmiClient.h"
 #include "host/Log.h"
 #include "host/MorvelConnect.h"
+#include "host/RunContext.h"
 #include "misc/smmlan/SmmLanManager.h"
 #include "misc/smmlan/SmmLanManagerRest.h"
 
@@ -27,6 +28,14 @@ constexpr char kIpmiPort[] = "623";
 constexpr uint64_t kIpmiSessionCount = 3;
 
 using ConnectionList = std::vector<Plexum::PlexumConnection::ConnectionInfo>;
+
+// What a change accepted over Redfish made of the SMM, for the run's record.
+void NoteEstablishedState(const std::string& subCommand) {
+    Plexum::RunContext& run = Plexum::RunContext::Current();
+    if (subCommand == "enable") run.NoteNetwork(true);
+    if (subCommand == "disable") run.NoteNetwork(false);
+    if (subCommand == "enableipmi") run.NoteIpmiOverLan(true);
+}
 
 }  // namespace
 
@@ -77,11 +86,15 @@ bool SmmLan::RunRedfishStage(int32_t& result) const {
             } else {
                 result = RESULT_INVALID_COMMAND;
             }
+            if (result == RESULT_SUCCEED) NoteEstablishedState(subCommand);
         }
     }
 
     // Once the probe said yes the Redfish outcome stands, failure included.
-    if (listed == RESULT_SUCCEED && supported) return true;
+    if (listed == RESULT_SUCCEED && supported) {
+        Plexum::RunContext::Current().NoteProtocol(Plexum::Protocol::Redfish);
+        return true;
+    }
 
     PLEXUM_LOG(4, kLogSource, kRestPassedOnLine) << "Failed to get Redfish connection parameter with l_ret=" << listed;
     return false;

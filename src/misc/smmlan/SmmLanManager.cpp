@@ -1,10 +1,9 @@
 #include "misc/smmlan/SmmLanManager.h"
 
-#include <chrono>
+#include <cstdint>
 #include <locale>
 #include <map>
 #include <sstream>
-#include <thread>
 #include <utility>
 
 #include "common/result/ResultCodes.h"
@@ -12,6 +11,7 @@
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
 #include "host/MorvelResult.h"
+#include "host/RunContext.h"
 
 namespace {
 
@@ -104,7 +104,7 @@ void SmmLanManager::Sleep(uint64_t milliseconds) {
     if (m_sleep) {
         m_sleep(milliseconds);
     } else {
-        std::this_thread::sleep_for(std::chrono::milliseconds(static_cast<std::chrono::milliseconds::rep>(milliseconds)));
+        Plexum::RunContext::Current().Sleep(milliseconds);
     }
 }
 
@@ -131,7 +131,7 @@ int32_t SmmLanManager::GetLanStatus(SmmLanStatus& status) {
     const int32_t opened = Exchange(kLanStatusCommand, {kLanStatusRead}, reply);
     if (!IsSuccess(opened)) return opened;
     if (reply.completionCode != 0 || reply.data.size() != 1) return RESULT_GENERIC_FAILURE;
-
+    Plexum::RunContext::Current().NoteLanStatus(reply.data[0]);
     const uint8_t value = reply.data[0];
     if (value == SMM_LAN_ENABLED || value == SMM_LAN_DISABLED || value == SMM_LAN_AND_IPMI_ENABLED) {
         status = static_cast<SmmLanStatus>(value);
@@ -165,11 +165,11 @@ std::string SmmLanManager::GetSMMIp() {
         if (reply.data.size() < kSmmIpResponseSize) {
             PLEXUM_LOG(1, kSource, __LINE__);
         } else {
-            // The address comes last octet first in bytes 4 to 7.
-            std::ostringstream text;
+            std::ostringstream text;  // the address comes last octet first in bytes 4 to 7
             text << static_cast<unsigned>(reply.data[7]) << '.' << static_cast<unsigned>(reply.data[6]) << '.'
                  << static_cast<unsigned>(reply.data[5]) << '.' << static_cast<unsigned>(reply.data[4]);
             address = text.str();
+            Plexum::RunContext::Current().NoteIpv4(address);
         }
     } else if (reply.data[0] < kPropertyStatusCount) {
         PLEXUM_LOG(1, kSource, __LINE__) << kPropertyStatusMessages[reply.data[0]];
@@ -189,8 +189,8 @@ int32_t SmmLanManager::SetIpObtainMethod(IpObtainMethod method) {
     Reply reply;
     const int32_t opened = Exchange(kIpObtainMethodCommand, {static_cast<uint8_t>(method)}, reply);
     if (!IsSuccess(opened)) return opened;
-    // A refused method is only logged: the network is still switched on with
-    // whatever method the SMM already uses.
+    if (reply.completionCode == 0) Plexum::RunContext::Current().NoteChangeSent();
+    // A refused method is only logged: the network goes on with the SMM's own.
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Failed to set smm lan method";
     }
@@ -239,7 +239,7 @@ int32_t SmmLanManager::SetLanStatus(SmmLanStatus wanted) {
                                          << static_cast<uint32_t>(wanted) << " failed";
         return RESULT_GENERIC_FAILURE;
     }
-
+    Plexum::RunContext::Current().NoteChangeSent();
     const std::string action = enable ? "enable" : "disable";
     ConsoleReport(3, kSource, __LINE__).Stream() << "[INFO]: Send " << action
                                                  << " command succeeded, wait for status take effect.";
@@ -267,7 +267,7 @@ int32_t SmmLanManager::SetIpmiOverLanStatus(SmmLanStatus wanted) {
         // Usually an SMM whose firmware lacks the service: say so instead of a generic failure.
         return RESULT_ENABLE_IPMI_FAILED;
     }
-
+    Plexum::RunContext::Current().NoteChangeSent();
     ConsoleReport(3, kSource, __LINE__).Stream() << "[INFO]: Send enable command succeeded, wait for status take effect.";
     return WaitForStatus(wanted, {"Check SMM IPMI over LAN status attempt(", "The SMM IPMI over LAN status take effected.",
                                   "Execute command to enable SMM IPMI over LAN success but wait status change timeout"});

@@ -29,7 +29,7 @@ class SmmLanManager {
 public:
     using SleepFunction = std::function<void(uint64_t milliseconds)>;
 
-    // Empty sleep = really sleep the calling thread.
+    // Empty sleep = the run's own sleep (Plexum::RunContext), which a stopped run ends early.
     explicit SmmLanManager(Plexum::IpmiClient* client, SleepFunction sleep = SleepFunction());
 
     static IpObtainMethod ParseIpObtainMethod(std::string text);

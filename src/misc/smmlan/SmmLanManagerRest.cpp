@@ -9,6 +9,7 @@
 #include "common/result/ResultCodes.h"
 #include "host/ConsoleReport.h"
 #include "host/Log.h"
+#include "host/RunContext.h"
 
 const std::string kSmmChassisResourcePath = "/redfish/v1/Chassis/2";
 
@@ -95,14 +96,13 @@ const rapidjson::Value* FindBool(const rapidjson::Value& object, const char* nam
     return value != nullptr && value->IsBool() ? value : nullptr;
 }
 
+bool NoteVendorState(const rapidjson::Value& vendor);  // at the end of the file
 }  // namespace
 
 SmmLanManagerRest::SmmLanManagerRest(Plexum::PlexumConnection::ConnectionInfo* connection)
     : m_connection(connection),
-      m_url(),
       m_lanEnabled(false),
       m_ipmiEnabled(false),
-      m_smmIp(),
       m_response(-1, -1, std::string()),
       m_client() {
     Initialize();
@@ -147,7 +147,7 @@ bool SmmLanManagerRest::ReadProbeReply(const std::string& body, bool& lanEnabled
     if (vendor == nullptr) return false;
     const rapidjson::Value* lan = FindBool(*vendor, "LANEnabled");
     if (lan == nullptr) return false;
-    lanEnabled = lan->IsTrue();
+    lanEnabled = NoteVendorState(*vendor);
     return true;
 }
 
@@ -215,7 +215,7 @@ int32_t SmmLanManagerRest::update(const std::string& key, const std::string& val
                << "}}}";
     const std::string body = bodyStream.str();
     PLEXUM_LOG(3, kLogSource, __LINE__) << "post body:" << body;
-
+    Plexum::RunContext::Current().NoteChangeSent();
     m_response = m_client->Patch(m_url, body);
     PLEXUM_LOG(3, kLogSource, __LINE__) << "curl code:" << m_response.curlCode << " status code:"
                                         << m_response.httpCode << " return msg: " << m_response.body;
@@ -269,3 +269,20 @@ int32_t SmmLanManagerRest::Query() {
     PLEXUM_LOG(4, kLogSource, __LINE__) << "Exiting  " << "SmmLanManagerRest::Query";
     return result;
 }
+
+namespace {
+
+// Tells the run what the vendor object says: the network, IPMI over LAN and
+// the address, each where the object gives it in its type. Returns LANEnabled.
+bool NoteVendorState(const rapidjson::Value& vendor) {
+    Plexum::RunContext& run = Plexum::RunContext::Current();
+    const rapidjson::Value* lan = FindBool(vendor, "LANEnabled");
+    const rapidjson::Value* ipmi = FindBool(vendor, "IPMIEnabled");
+    const rapidjson::Value* ip = FindMember(vendor, "IPv4");
+    if (lan != nullptr) run.NoteNetwork(lan->IsTrue());
+    if (ipmi != nullptr) run.NoteIpmiOverLan(ipmi->IsTrue());
+    if (ip != nullptr && ip->IsString()) run.NoteIpv4(ip->GetString());
+    return lan != nullptr && lan->IsTrue();
+}
+
+}  // namespace

@@ -1,0 +1,114 @@
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Plexum {
+
+// Ends every wait of the runs that share it. Request() may come from any thread.
+class StopSignal {
+public:
+    void Request();
+    bool Requested() const { return m_requested.load(); }
+    // Sleeps up to `milliseconds`; false when a stop was requested before or meanwhile.
+    bool SleepFor(uint64_t milliseconds);
+
+private:
+    std::atomic<bool> m_requested{false};
+    std::mutex m_mutex;
+    std::condition_variable m_wake;
+};
+
+// Thrown from a wait of a run whose stop was requested; the host catches it
+// around the module. Deliberately no std::exception, so that nothing that
+// handles failures takes it for one.
+struct RunInterrupted {};
+
+enum class Protocol { None, Redfish, Ipmi };
+enum class NetworkState { Unread, Enabled, Disabled, Unknown };
+
+// What a run last read from its SMM, or the state a confirmed change set.
+struct ObservedState {
+    NetworkState network = NetworkState::Unread;
+    std::optional<bool> ipmiOverLan;
+    std::optional<std::string> ipv4;
+};
+
+struct ConsoleLine {
+    bool error;        // a line of standard error (level below 2), else of standard output
+    std::string text;  // as the module wrote it, without the line end
+};
+
+// Everything a module run keeps for its length and that belongs to one target:
+// where its console lines go, the label its log records carry, what it learned
+// of the SMM, its stop signal and its Redfish start-up wait. The host installs
+// one per target for the thread that runs it (ScopedRunContext); code that
+// runs with none installed uses the process's direct context, which writes
+// console lines straight to standard output and error.
+class RunContext {
+public:
+    // The direct kind.
+    RunContext() = default;
+    // The buffered kind: console lines are kept, log records carry `label`,
+    // waits end when `stop` (optional) is requested.
+    RunContext(std::string label, StopSignal* stop);
+    RunContext(const RunContext&) = delete;
+    RunContext& operator=(const RunContext&) = delete;
+
+    // The context installed for the calling thread, else the direct one.
+    static RunContext& Current();
+
+    void WriteConsole(unsigned level, const std::string& text);
+    const std::vector<ConsoleLine>& ConsoleLines() const { return m_console; }
+    const std::string& Label() const { return m_label; }
+
+    // A pause of the run: throws RunInterrupted when the stop is requested
+    // before or during it. InterruptionPoint only checks.
+    void Sleep(uint64_t milliseconds);
+    void InterruptionPoint() const;
+
+    // Seconds of the Redfish start-up wait once read; 0 while not read yet.
+    int32_t& StartupWaitSeconds() { return m_startupWaitSeconds; }
+
+    // What the managers learn as they go.
+    void NoteProtocol(Protocol protocol) { m_protocol = protocol; }
+    // The status byte of the SMM's LAN status read: 1 network on, 2 off, 4 network and IPMI over LAN on.
+    void NoteLanStatus(uint8_t status);
+    void NoteNetwork(bool enabled) { m_state.network = enabled ? NetworkState::Enabled : NetworkState::Disabled; }
+    void NoteIpmiOverLan(bool enabled) { m_state.ipmiOverLan = enabled; }
+    void NoteIpv4(const std::string& address) { m_state.ipv4 = address; }
+    void NoteChangeSent() { m_changeSent = true; }
+
+    Protocol ServedBy() const { return m_protocol; }
+    const ObservedState& State() const { return m_state; }
+    bool ChangeSent() const { return m_changeSent; }
+
+private:
+    bool m_buffered = false;
+    std::string m_label;
+    StopSignal* m_stop = nullptr;
+    std::vector<ConsoleLine> m_console;
+    int32_t m_startupWaitSeconds = 0;
+    Protocol m_protocol = Protocol::None;
+    ObservedState m_state;
+    bool m_changeSent = false;
+};
+
+// Installs a context for the calling thread while it lives.
+class ScopedRunContext {
+public:
+    explicit ScopedRunContext(RunContext& context);
+    ~ScopedRunContext();
+    ScopedRunContext(const ScopedRunContext&) = delete;
+    ScopedRunContext& operator=(const ScopedRunContext&) = delete;
+
+private:
+    RunContext* m_previous;
+};
+
+}  // namespace Plexum
