@@ -72,6 +72,34 @@ bool SetHostOption(const std::string& name, const std::string& value, CommandLin
     return true;
 }
 
+constexpr unsigned kMaxFanout = 1024;
+
+// The options this host reads itself after the subcommand.
+bool SetRunOption(const std::string& name, const std::string& value, CommandLine& line, CommandLineError& error) {
+    if (name == "bmc" || name == "bmc-file") {
+        if (name == "bmc-file" && value.empty()) return Fail(error, kExitInvalidParameter, "option --bmc-file needs a file name");
+        line.targets.push_back(TargetSource{name == "bmc-file", value});
+        line.options.emplace(name, value);
+        return true;
+    }
+    if (!line.options.emplace(name, value).second) {
+        return Fail(error, kExitInvalidParameter, "option --" + name + " given more than once");
+    }
+    if (name == "fanout") {
+        const bool digits = !value.empty() && value.size() <= 4 &&
+                            value.find_first_not_of("0123456789") == std::string::npos;
+        const unsigned fanout = digits ? static_cast<unsigned>(std::stoul(value)) : 0;
+        if (fanout < 1 || fanout > kMaxFanout) {
+            return Fail(error, kExitInvalidParameter, "--fanout must be a number from 1 to 1024");
+        }
+        line.fanout = fanout;
+    } else if (name == "output") {
+        if (value != "text" && value != "json") return Fail(error, kExitInvalidParameter, "--output must be text or json");
+        line.output = value == "json" ? OutputFormat::Json : OutputFormat::Text;
+    }
+    return true;
+}
+
 }  // namespace
 
 std::string CommandLine::PasswordFile() const {
@@ -155,12 +183,18 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
                         "unexpected argument " + std::to_string(index) +
                             " after the subcommand; options are written --name VALUE or --name=VALUE");
         }
+        if (words[index].compare(0, 15, "--always-prefix") == 0 &&
+            (words[index].size() == 15 || words[index][15] == '=')) {
+            if (words[index].size() > 15) return Fail(error, kExitInvalidParameter, "option --always-prefix takes no value");
+            if (line.alwaysPrefix) return Fail(error, kExitInvalidParameter, "option --always-prefix given more than once");
+            line.alwaysPrefix = true;
+            ++index;
+            continue;
+        }
         std::string name;
         std::string value;
         if (!TakeOption(words, index, name, value, error)) return false;
-        if (!line.options.emplace(name, value).second) {
-            return Fail(error, kExitInvalidParameter, "option --" + name + " given more than once");
-        }
+        if (!SetRunOption(name, value, line, error)) return false;
     }
     if (line.hasPasswordFile && line.options.count("password-file") != 0) {
         return Fail(error, kExitInvalidParameter, "option --password-file given both before and after the command");

@@ -13,6 +13,14 @@ enum class Action {
     Version,      // morvel --version
 };
 
+enum class OutputFormat { Text, Json };
+
+// Where targets were given, in the order given: a --bmc value or a --bmc-file name.
+struct TargetSource {
+    bool file = false;
+    std::string value;
+};
+
 // The command line as words, before anything is looked up or opened.
 struct CommandLine {
     Action action = Action::Run;
@@ -29,7 +37,14 @@ struct CommandLine {
     std::string command;
     size_t commandIndex = 0;  // index of the command word in the given words
     std::string subCommand;
+    // Every option after the subcommand; of --bmc and --bmc-file, which may
+    // be repeated, the first (all of them are in `targets`).
     std::map<std::string, std::string> options;
+    std::vector<TargetSource> targets;
+    // How a run over many targets goes: at most `fanout` at once, records as text or JSON Lines.
+    unsigned fanout = 64;
+    OutputFormat output = OutputFormat::Text;
+    bool alwaysPrefix = false;  // --always-prefix: label even a single target's lines
 
     // The password file from the host option or, failing that, from the
     // command's options; empty when neither was given.
@@ -48,9 +63,10 @@ constexpr int kExitInvalidParameter = 5;
 constexpr int kExitInternalError = 17;
 
 // `words` is argv as given, program name first. Grammar:
-//   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE]...
+//   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE | --always-prefix]...
 // A separate VALUE may not begin with "--" (write --name=VALUE for that); an
-// option may be given once. Error texts never quote a value.
+// option may be given once, but for --bmc and --bmc-file. --fanout (1..1024)
+// and --output (text, json) are checked here. Error texts never quote a value.
 bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error);
 
 // The text with bytes that would garble a terminal line replaced by '?'.

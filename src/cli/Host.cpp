@@ -4,31 +4,31 @@
 #include <pwd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <iostream>
-#include <memory>
+#include <optional>
 #include <vector>
 
 #include "cli/ArgvScrub.h"
 #include "cli/CommandLine.h"
+#include "cli/HostLog.h"
+#include "cli/Fleet.h"
 #include "cli/HelpText.h"
 #include "cli/ModuleLoader.h"
+#include "cli/ModuleRun.h"
 #include "cli/PasswordSource.h"
-#include "host/BmcTarget.h"
+#include "cli/TargetList.h"
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
 #include "host/MorvelResult.h"
 #include "host/UserContext.h"
-#include "host/basic_app.h"
 
 namespace MorvelCli {
 namespace {
-
-const char* const kSource = "src/cli/Host";
 
 const char* Environment(const char* name) {
     const char* value = std::getenv(name);
@@ -36,13 +36,13 @@ const char* Environment(const char* name) {
 }
 
 int Fail(int exitStatus, const std::string& message) {
-    PLEXUM_LOG(1, kSource, __LINE__) << message << " (exit status " << exitStatus << ")";
+    PLEXUM_LOG(1, HostLog::kSource, HostLog::kFailure) << message << " (exit status " << exitStatus << ")";
     std::cerr << "morvel: " << message << std::endl;
     return exitStatus;
 }
 
 void Warn(const std::string& message) {
-    PLEXUM_LOG(2, kSource, __LINE__) << message;
+    PLEXUM_LOG(2, HostLog::kSource, HostLog::kWarning) << message;
     std::cerr << "morvel: warning: " << message << std::endl;
 }
 
@@ -76,30 +76,40 @@ bool LoadConfiguration(const CommandLine& line, int& exitStatus) {
         exitStatus = Fail(kExitInvalidParameter, error);
         return false;
     }
-    PLEXUM_LOG(3, kSource, __LINE__) << "configuration read from " << path;
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kConfigurationRead) << "configuration read from " << path;
     return true;
 }
 
-// Checks --bmc and, when it names no password, finds one and writes it back
-// into the option so that the connection library gets the whole target.
-bool ResolveBmc(CommandLine& line, int& exitStatus) {
-    const auto found = line.options.find("bmc");
-    if (found == line.options.end()) {
-        PLEXUM_LOG(3, kSource, __LINE__) << "no --bmc given";
-        return true;
+// The targets of --bmc and --bmc-file in the order given, each host and port once.
+bool ReadTargets(const CommandLine& line, TargetList& list, int& exitStatus) {
+    for (const TargetSource& source : line.targets) {
+        const std::optional<TargetError> error =
+            source.file ? list.AddFile(source.value) : list.AddValue(source.value, "--bmc");
+        if (error) {
+            exitStatus = Fail(kExitInvalidParameter, source.file ? "--bmc-file: " + error->message : error->message);
+            return false;
+        }
     }
-    Plexum::BmcTarget target;
-    std::string error;
-    if (!Plexum::ParseBmcTarget(found->second, target, error)) {
-        exitStatus = Fail(kExitInvalidParameter, "--bmc: " + error);
+    if (list.Targets().empty()) {
+        exitStatus = Fail(kExitInvalidParameter, "--bmc-file: the target files hold no targets");
         return false;
     }
+    list.RemoveRepeats();
+    for (const std::string& warning : list.Warnings()) Warn(warning);
+    return true;
+}
+
+// Targets whose --bmc names no password share one from the other sources:
+// MORVEL_BMC_PASSWORD, else --password-file, else one prompt for the run.
+bool ResolvePasswords(const CommandLine& line, std::vector<Target>& targets, int& exitStatus) {
     const char* origin = "--bmc";
-    if (!target.hasPassword) {
+    const bool needed = std::any_of(targets.begin(), targets.end(), [](const Target& t) { return !t.bmc.hasPassword; });
+    if (needed) {
         PasswordSource::Inputs inputs;
         inputs.environment = std::getenv("MORVEL_BMC_PASSWORD");
         inputs.passwordFile = line.PasswordFile();
         std::string password;
+        std::string error;
         PasswordSource::Origin source = PasswordSource::Origin::Prompt;
         std::vector<std::string> warnings;
         const bool resolved = PasswordSource::Resolve(inputs, password, source, warnings, error);
@@ -109,28 +119,36 @@ bool ResolveBmc(CommandLine& line, int& exitStatus) {
             return false;
         }
         origin = PasswordSource::OriginName(source);
-        const std::string& text = found->second;
-        found->second = target.user + ":" + password + text.substr(text.rfind('@'));
+        for (Target& target : targets) {
+            if (target.bmc.hasPassword) continue;
+            target.bmc.password = password;
+            target.bmc.hasPassword = true;
+        }
     }
-    PLEXUM_LOG(3, kSource, __LINE__) << "target " << Printable(target.host) << " port " << target.port << " user "
-                                     << Printable(target.user) << ", password from " << origin;
+    if (targets.size() == 1) {
+        const Plexum::BmcTarget& target = targets.front().bmc;
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTarget) << "target " << Printable(target.host) << " port " << target.port
+                                         << " user " << Printable(target.user) << ", password from " << origin;
+    } else {
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTargets) << targets.size() << " targets"
+                                         << (needed ? std::string(", passwords not in --bmc from ") + origin : "");
+    }
     return true;
 }
 
-// A subcommand the command does not have can never work: with no password
-// given anywhere it is refused at once instead of after a password prompt.
-// Otherwise the module answers it as always, and `caseNote` (empty unless only
-// the letter case is wrong) goes just before the result line.
-bool CheckSubcommand(const CommandLine& line, std::string& caseNote, int& exitStatus) {
+// A subcommand the command does not have can never work. A run over many
+// targets refuses it at once; so does a single one when no password was given
+// anywhere, instead of asking for one. Otherwise the module answers it as
+// always, and `caseNote` (empty unless only the letter case is wrong) goes
+// just before the result line.
+bool CheckSubcommand(const CommandLine& line, const std::vector<Target>& targets, bool fleet, std::string& caseNote,
+                     int& exitStatus) {
     caseNote = UnknownSubcommandNote(line.command, line.subCommand, true);
-    const auto found = line.options.find("bmc");
-    Plexum::BmcTarget target;
-    std::string error;
-    if (found == line.options.end() || !Plexum::ParseBmcTarget(found->second, target, error)) return true;
-    const bool passwordGiven =
-        target.hasPassword || Environment("MORVEL_BMC_PASSWORD") != nullptr || !line.PasswordFile().empty();
     const std::string note = UnknownSubcommandNote(line.command, line.subCommand, false);
-    if (passwordGiven || note.empty()) return true;
+    if (note.empty()) return true;
+    const bool passwordGiven = targets.front().bmc.hasPassword || Environment("MORVEL_BMC_PASSWORD") != nullptr ||
+                               !line.PasswordFile().empty();
+    if (!fleet && passwordGiven) return true;
     exitStatus = Fail(kExitInvalidCommand, note);
     std::cerr << MorvelResult(kExitInvalidCommand) << std::endl;
     return false;
@@ -170,43 +188,23 @@ int CheckStandardOutput(int exitStatus) {
     std::cout.flush();
     if (std::fflush(stdout) == 0 && std::ferror(stdout) == 0 && std::cout.good()) return exitStatus;
     const int status = exitStatus == 0 ? 1 : exitStatus;
-    PLEXUM_LOG(1, kSource, __LINE__) << "cannot write standard output (exit status " << status << ")";
+    PLEXUM_LOG(1, HostLog::kSource, HostLog::kOutputLost) << "cannot write standard output (exit status " << status << ")";
     std::cerr << "morvel: cannot write standard output" << std::endl;
     return status;
 }
 
 int RunModule(const ModuleLoader& loader, const UserContext& context, const std::string& invalidCommandNote) {
-    MorvelResult result;
-    try {
-        std::unique_ptr<basic_app> app(loader.CreateInstance());
-        if (!app) return Fail(kExitInternalError, "module " + loader.Path() + " did not create its application object");
-        const MorvelResult initResult = app->init(context);
-        PLEXUM_LOG(3, kSource, __LINE__) << "init: " << initResult;
-        result = initResult;
-        if (initResult == 0) {
-            result = app->run();
-            PLEXUM_LOG(3, kSource, __LINE__) << "run: " << result;
-        }
-        // finish closes what init opened, so it runs after a failed init too;
-        // its failure only counts when nothing failed before.
-        const MorvelResult finishResult = app->finish();
-        if (finishResult != 0) {
-            PLEXUM_LOG(1, kSource, __LINE__) << "finish: " << finishResult;
-            if (result == 0) result = finishResult;
-        }
-    } catch (const std::exception& exception) {
-        return Fail(kExitInternalError, "module " + context.command + " failed: " + Printable(exception.what()));
-    } catch (...) {
-        return Fail(kExitInternalError, "module " + context.command + " failed with an unknown exception");
-    }
+    const ModuleOutcome outcome = RunModuleOnce(loader, context);
+    if (!outcome.failure.empty()) return Fail(kExitInternalError, outcome.failure);
+    const MorvelResult& result = outcome.result;
     if (result == kExitInvalidCommand && !invalidCommandNote.empty()) {
-        PLEXUM_LOG(3, kSource, __LINE__) << invalidCommandNote;
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kSubcommandNote) << invalidCommandNote;
         std::cerr << "morvel: " << invalidCommandNote << std::endl;
     }
     std::ostream& out = result == 0 ? std::cout : std::cerr;
     out << result << std::endl;
     const int status = ExitStatusForCode(result.code);
-    PLEXUM_LOG(3, kSource, __LINE__) << "result: " << result << " (exit status " << status << ")";
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kResult) << "result: " << result << " (exit status " << status << ")";
     return status;
 }
 
@@ -271,7 +269,7 @@ int RunCommandLine(int argc, char** argv) {
     Plexum::Log::SetMinLogLevel(line.logLevel);
     int exitStatus = 0;
     if (!OpenLog(line, exitStatus)) return exitStatus;
-    PLEXUM_LOG(3, kSource, __LINE__) << "morvel " << VersionNumber() << " pid "
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kStart) << "morvel " << VersionNumber() << " pid "
                                      << ::getpid() << ": command " << ShownWord(line.command) << ", subcommand "
                                      << ShownWord(line.subCommand);
     if (!LoadConfiguration(line, exitStatus)) return exitStatus;
@@ -282,12 +280,24 @@ int RunCommandLine(int argc, char** argv) {
                      loadFailure)) {
         return Fail(loadFailure.exitStatus, loadFailure.message);
     }
-    PLEXUM_LOG(3, kSource, __LINE__) << "module " << loader.Path();
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kModule) << "module " << loader.Path();
 
+    if (line.targets.empty()) {
+        // The module answers a missing --bmc itself.
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kNoBmc) << "no --bmc given";
+        return RunModule(loader, MakeContext(line, loader.Path(), argc, argv), std::string());
+    }
+    TargetList list;
+    if (!ReadTargets(line, list, exitStatus)) return exitStatus;
+    std::vector<Target>& targets = list.Targets();
+    const bool fleet = targets.size() >= 2 || line.output == OutputFormat::Json || line.alwaysPrefix;
     std::string caseNote;
-    if (!CheckSubcommand(line, caseNote, exitStatus)) return exitStatus;
-    if (!ResolveBmc(line, exitStatus)) return exitStatus;
-    return RunModule(loader, MakeContext(line, loader.Path(), argc, argv), caseNote);
+    if (!CheckSubcommand(line, targets, fleet, caseNote, exitStatus)) return exitStatus;
+    if (!ResolvePasswords(line, targets, exitStatus)) return exitStatus;
+    UserContext context = MakeContext(line, loader.Path(), argc, argv);
+    if (fleet) return RunFleet(loader, context, targets, line);
+    context.options["bmc"] = targets.front().BmcText();
+    return RunModule(loader, context, caseNote);
 }
 
 }  // namespace

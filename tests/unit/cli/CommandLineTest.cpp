@@ -64,9 +64,48 @@ TEST(CommandLine, OptionWithoutValue) {
 }
 
 TEST(CommandLine, RepeatedOption) {
-    const CommandLineError error = ErrorOf({"smmlan", "query", "--bmc", "a:b@h", "--bmc=c:d@h"});
+    const CommandLineError error = ErrorOf({"smmlan", "query", "--bmc", "a:b@h", "--method", "dhcp", "--method=static"});
     EXPECT_EQ(error.exitStatus, 5);
-    EXPECT_EQ(error.message, "option --bmc given more than once");
+    EXPECT_EQ(error.message, "option --method given more than once");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--fanout", "2", "--fanout=3"}).message, "option --fanout given more than once");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--always-prefix", "--always-prefix"}).message,
+              "option --always-prefix given more than once");
+}
+
+TEST(CommandLine, TargetsMayRepeatAndKeepTheirOrder) {
+    const CommandLine line = Parse({"smmlan", "query", "--bmc", "a:b@h1", "--bmc-file", "racks.txt", "--bmc=c:d@h2",
+                                    "--bmc-file=-"});
+    ASSERT_EQ(line.targets.size(), 4u);
+    EXPECT_EQ((std::vector<std::string>{line.targets[0].value, line.targets[1].value, line.targets[2].value,
+                                        line.targets[3].value}),
+              (std::vector<std::string>{"a:b@h1", "racks.txt", "c:d@h2", "-"}));
+    EXPECT_EQ((std::vector<bool>{line.targets[0].file, line.targets[1].file, line.targets[2].file, line.targets[3].file}),
+              (std::vector<bool>{false, true, false, true}));
+    // The module sees the first of each, as it always saw the one --bmc.
+    EXPECT_EQ(line.options, (Options{{"bmc", "a:b@h1"}, {"bmc-file", "racks.txt"}}));
+}
+
+TEST(CommandLine, RunOptions) {
+    const CommandLine defaults = Parse({"smmlan", "query", "--bmc", "a:b@h"});
+    EXPECT_EQ(defaults.fanout, 64u);
+    EXPECT_EQ(defaults.output, MorvelCli::OutputFormat::Text);
+    EXPECT_FALSE(defaults.alwaysPrefix);
+    const CommandLine line =
+        Parse({"smmlan", "query", "--bmc", "a:b@h", "--fanout", "1024", "--output=json", "--always-prefix"});
+    EXPECT_EQ(line.fanout, 1024u);
+    EXPECT_EQ(line.output, MorvelCli::OutputFormat::Json);
+    EXPECT_TRUE(line.alwaysPrefix);
+    EXPECT_EQ(line.options, (Options{{"bmc", "a:b@h"}, {"fanout", "1024"}, {"output", "json"}}));
+    EXPECT_EQ(Parse({"smmlan", "query", "--fanout=1"}).fanout, 1u);
+    for (const char* bad : {"0", "1025", "", "-1", "+5", "64k", "99999", " 8"}) {
+        const CommandLineError error = ErrorOf({"smmlan", "query", std::string("--fanout=") + bad});
+        EXPECT_EQ(error.exitStatus, 5) << bad;
+        EXPECT_EQ(error.message, "--fanout must be a number from 1 to 1024") << bad;
+    }
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output", "yaml"}).message, "--output must be text or json");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output=JSON"}).message, "--output must be text or json");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--always-prefix=yes"}).message, "option --always-prefix takes no value");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--bmc-file="}).message, "option --bmc-file needs a file name");
 }
 
 TEST(CommandLine, StrayWordIsNotQuoted) {

@@ -1,0 +1,237 @@
+#include "cli/Fleet.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "cli/FleetReport.h"
+#include "cli/FleetRunner.h"
+#include "cli/Host.h"
+#include "cli/HostLog.h"
+#include "host/IpmiClient.h"
+#include "host/Log.h"
+#include "host/RunContext.h"
+
+namespace MorvelCli {
+namespace {
+
+// A descriptor owned by exactly one object.
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0) ::close(m_fd);
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int Get() const { return m_fd; }
+
+private:
+    int m_fd;
+};
+
+// SIGINT and SIGTERM as readable events instead of handlers. Blocked for the
+// calling thread before any worker starts, so every worker inherits the block
+// and only the signal descriptor sees them. They stay blocked until the process
+// ends: a late one must not kill a run that is writing its summary. A signal
+// the process was started with ignored (a background job's SIGINT) stays ignored.
+class InterruptWatch {
+public:
+    InterruptWatch() : m_fd(Open()) {}
+    int Fd() const { return m_fd.Get(); }
+    // The signal that arrived, or 0.
+    int Take() const {
+        signalfd_siginfo info{};
+        const ssize_t got = ::read(m_fd.Get(), &info, sizeof info);
+        return got == static_cast<ssize_t>(sizeof info) ? static_cast<int>(info.ssi_signo) : 0;
+    }
+
+private:
+    static int Open() {
+        sigset_t set;
+        sigemptyset(&set);
+        for (const int number : {SIGINT, SIGTERM}) {
+            struct sigaction current {};
+            if (::sigaction(number, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
+            sigaddset(&set, number);
+        }
+        pthread_sigmask(SIG_BLOCK, &set, nullptr);
+        return ::signalfd(-1, &set, SFD_CLOEXEC);
+    }
+    Descriptor m_fd;
+};
+
+// Ends the process the way the signal would have, at once.
+[[noreturn]] void EndBySignal(int number) {
+    std::signal(number, SIG_DFL);
+    sigset_t set;
+    sigemptyset(&set);
+    sigaddset(&set, number);
+    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
+    ::raise(number);
+    ::_exit(128 + number);
+}
+
+// The status line on a terminal's standard error, redrawn in place.
+class ProgressLine {
+public:
+    explicit ProgressLine(bool enabled) : m_enabled(enabled) {}
+    bool Enabled() const { return m_enabled; }
+    void Draw(const std::string& text) {
+        if (!m_enabled) return;
+        Write("\r\033[K" + text);
+        m_drawn = true;
+    }
+    void Clear() {
+        if (!m_drawn) return;
+        Write("\r\033[K");
+        m_drawn = false;
+    }
+
+private:
+    static void Write(const std::string& text) {
+        std::cerr << text << std::flush;
+    }
+    bool m_enabled;
+    bool m_drawn = false;
+};
+
+std::string ProgressText(const std::string& subcommand, const FleetRunner& runner, size_t total, int64_t elapsedMs) {
+    const int64_t seconds = elapsedMs / 1000;
+    char clock[32];
+    std::snprintf(clock, sizeof clock, "%lld:%02lld", static_cast<long long>(seconds / 60),
+                  static_cast<long long>(seconds % 60));
+    return "smmlan " + subcommand + ": " + std::to_string(runner.Done()) + "/" + std::to_string(total) + " done, " +
+           std::to_string(runner.Failed()) + " failed, " + std::to_string(runner.Running()) + " running, " + clock +
+           " elapsed";
+}
+
+int64_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+}
+
+// Raises the open-files limit to what `running` targets at once may need:
+// each holds up to six descriptors (its HTTPS socket and libcurl's wake-up
+// pair; for a host name also the resolver's pair and the files it reads).
+// A limit that cannot go high enough refuses the fan-out.
+std::optional<std::string> RaiseOpenFileLimit(size_t running) {
+    constexpr rlim_t kPerTarget = 6;
+    constexpr rlim_t kForTheProcess = 64;
+    const rlim_t needed = kForTheProcess + kPerTarget * static_cast<rlim_t>(running);
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= needed) return std::nullopt;
+    if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < needed) {
+        const rlim_t most = limit.rlim_max > kForTheProcess ? (limit.rlim_max - kForTheProcess) / kPerTarget : 0;
+        return "--fanout " + std::to_string(running) + " may need " + std::to_string(needed) +
+               " open files, but this process may open at most " + std::to_string(limit.rlim_max) +
+               " (ulimit -Hn); use --fanout " + std::to_string(most) + " or less";
+    }
+    limit.rlim_cur = needed;
+    if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return "cannot raise the open-files limit to " + std::to_string(needed) + ": " + std::strerror(errno);
+    }
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kOpenFileLimit) << "open-files limit raised to " << needed;
+    return std::nullopt;
+}
+
+std::unique_ptr<FleetReport> MakeReport(const CommandLine& line, const std::vector<Target>& targets) {
+    if (line.output == OutputFormat::Json) return std::make_unique<JsonLinesReport>(std::cout, targets, line.subCommand);
+    return std::make_unique<TextReport>(std::cout, std::cerr, targets, line.subCommand, targets.size() >= 2);
+}
+
+}  // namespace
+
+int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
+             const CommandLine& line) {
+    const auto start = std::chrono::steady_clock::now();
+    InterruptWatch interrupts;
+    Descriptor allDone(::eventfd(0, EFD_CLOEXEC));
+    if (interrupts.Fd() < 0 || allDone.Get() < 0) {
+        std::cerr << "morvel: cannot watch for interrupts" << std::endl;
+        return kExitInternalError;
+    }
+    // Before any thread uses a client: FreeIPMI's crypto set-up is not thread-safe.
+    Plexum::IpmiClient::InitializeLibrary();
+    if (const auto refused = RaiseOpenFileLimit(std::min<size_t>(line.fanout, targets.size()))) {
+        PLEXUM_LOG(1, HostLog::kSource, HostLog::kOpenFileLimit) << *refused;
+        std::cerr << "morvel: " << *refused << std::endl;
+        return kExitInvalidParameter;
+    }
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kFleetStart) << targets.size() << " targets, fan-out " << line.fanout;
+
+    std::unique_ptr<FleetReport> report = MakeReport(line, targets);
+    FleetSummary summary(targets.size());
+    ProgressLine progress(targets.size() >= 2 && ::isatty(STDERR_FILENO) == 1);
+    std::mutex output;
+    int singleStatus = 0;
+    Plexum::StopSignal stop;
+    FleetRunner runner(loader, base, targets, line.fanout, stop);
+    runner.Start(
+        [&](TargetOutcome&& outcome) {
+            std::lock_guard<std::mutex> lock(output);
+            progress.Clear();
+            report->TargetEnded(outcome);
+            summary.Add(outcome);
+            singleStatus = ExitStatusForCode(outcome.result.code);
+        },
+        [&] {
+            const uint64_t one = 1;
+            // Nothing to do when it fails: the loop below also ends on a signal.
+            static_cast<void>(::write(allDone.Get(), &one, sizeof one));
+        });
+
+    int stoppedBy = 0;
+    for (;;) {
+        pollfd watched[2] = {{interrupts.Fd(), POLLIN, 0}, {allDone.Get(), POLLIN, 0}};
+        // At most ten redraws a second; with no progress line, sleep until something happens.
+        const int ready = ::poll(watched, 2, progress.Enabled() ? 100 : -1);
+        if (ready < 0 && errno != EINTR) break;
+        if ((watched[0].revents & POLLIN) != 0) {
+            const int number = interrupts.Take();
+            if (stoppedBy != 0 && number == SIGINT) {
+                progress.Clear();
+                EndBySignal(SIGINT);
+            }
+            if (stoppedBy == 0 && number != 0) {
+                stoppedBy = number;
+                PLEXUM_LOG(2, HostLog::kSource, HostLog::kStopSignal) << "signal " << number << ": no target starts any more";
+                stop.Request();
+            }
+        }
+        if ((watched[1].revents & POLLIN) != 0) break;
+        std::lock_guard<std::mutex> lock(output);
+        progress.Draw(ProgressText(line.subCommand, runner, targets.size(), MillisecondsSince(start)));
+    }
+    runner.Join();
+    summary.SetNotStarted(runner.NotStarted());
+    progress.Clear();
+    report->Finish(summary, MillisecondsSince(start));
+
+    int status = 0;
+    if (stoppedBy != 0) {
+        status = 128 + stoppedBy;
+    } else if (targets.size() == 1) {
+        status = singleStatus;
+    } else {
+        status = summary.Succeeded() == targets.size() ? 0 : 1;
+    }
+    PLEXUM_LOG(3, HostLog::kSource, HostLog::kFleetEnd) << summary.Succeeded() << " of " << targets.size()
+                                     << " targets succeeded (exit status " << status << ")";
+    return status;
+}
+
+}  // namespace MorvelCli

@@ -1,0 +1,97 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "cli/FleetRunner.h"
+#include "cli/TargetList.h"
+
+namespace MorvelCli {
+
+// The lines a target's console output shows: each console text split at its
+// line ends, with the stream it goes to.
+struct OutputLine {
+    bool error;
+    std::string text;
+};
+std::vector<OutputLine> OutputLines(const std::vector<Plexum::ConsoleLine>& console);
+
+// The one-line account of an interrupted target, for its result line and record.
+const char* InterruptedText(bool changeSent);
+
+// What the summary counts, gathered as targets end.
+class FleetSummary {
+public:
+    explicit FleetSummary(size_t targets) : m_targets(targets) {}
+
+    void Add(const TargetOutcome& outcome);
+    void SetNotStarted(std::vector<size_t> indices) { m_notStarted = std::move(indices); }
+
+    size_t Targets() const { return m_targets; }
+    size_t Succeeded() const { return m_succeeded; }
+    size_t Failed() const;
+    // Failed targets by result code (the code as its result line shows it), in the order given.
+    const std::map<uint16_t, std::vector<size_t>>& FailedByCode() const { return m_failedByCode; }
+    const std::map<uint16_t, int32_t>& FullCodes() const { return m_fullCodes; }
+    const std::map<uint16_t, std::string>& Messages() const { return m_messages; }
+    // Interrupted targets in the order given, and whether each had sent a change.
+    std::vector<std::pair<size_t, bool>> Interrupted() const;
+    const std::vector<size_t>& NotStarted() const { return m_notStarted; }
+
+private:
+    size_t m_targets;
+    size_t m_succeeded = 0;
+    std::map<uint16_t, std::vector<size_t>> m_failedByCode;
+    std::map<uint16_t, int32_t> m_fullCodes;
+    std::map<uint16_t, std::string> m_messages;
+    std::map<size_t, bool> m_interrupted;
+    std::vector<size_t> m_notStarted;
+};
+
+// How a run over many targets is shown: one view per output format.
+class FleetReport {
+public:
+    virtual ~FleetReport() = default;
+    // A target ended; called one at a time.
+    virtual void TargetEnded(const TargetOutcome& outcome) = 0;
+    // The run ended.
+    virtual void Finish(const FleetSummary& summary, int64_t elapsedMs) = 0;
+};
+
+// Each target's console lines and result line as one block, every line
+// prefixed "LABEL: ", on the stream a single run would use; then a summary on
+// standard output unless `summary` is false.
+class TextReport : public FleetReport {
+public:
+    TextReport(std::ostream& out, std::ostream& err, const std::vector<Target>& targets, std::string subcommand,
+               bool summary);
+    void TargetEnded(const TargetOutcome& outcome) override;
+    void Finish(const FleetSummary& summary, int64_t elapsedMs) override;
+
+private:
+    std::ostream& m_out;
+    std::ostream& m_err;
+    const std::vector<Target>& m_targets;
+    std::string m_subcommand;
+    bool m_summary;
+};
+
+// One JSON object per target as it ends, then the summary object: JSON Lines
+// on standard output, nothing else there. doc/smmlan-records.schema.json
+// describes both.
+class JsonLinesReport : public FleetReport {
+public:
+    JsonLinesReport(std::ostream& out, const std::vector<Target>& targets, std::string subcommand);
+    void TargetEnded(const TargetOutcome& outcome) override;
+    void Finish(const FleetSummary& summary, int64_t elapsedMs) override;
+
+private:
+    std::ostream& m_out;
+    const std::vector<Target>& m_targets;
+    std::string m_subcommand;
+};
+
+}  // namespace MorvelCli
