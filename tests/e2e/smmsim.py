@@ -18,6 +18,7 @@ A simulator that cannot start raises, which fails the test.
 """
 
 import base64
+import concurrent.futures
 import fcntl
 import http.client
 import json
@@ -107,6 +108,28 @@ def lease_address(udp_port=623, tcp_port=443):
         lease.release()
     raise RuntimeError("\n".join(["no free loopback address in 127.0.0.%d-%d" % (ADDRESS_RANGE[0], ADDRESS_RANGE[-1])]
                                  + preflight.port_clashes(tcp_port or preflight.TCP_PORT, udp_port)))
+
+
+def lease_block(count, udp_port=623, tcp_port=443):
+    """`count` consecutive free addresses 127.0.0.N.. (for --bmc ranges) and their leases."""
+    for first in range(ADDRESS_RANGE[0], ADDRESS_RANGE[-1] - count + 2):
+        leases = []
+        for n in range(first, first + count):
+            address = "127.0.0.%d" % n
+            try:
+                lease = Lease("addr-" + address)
+            except OSError:
+                break
+            leases.append(lease)
+            if not (_bindable(socket.AF_INET, socket.SOCK_DGRAM, address, udp_port) and
+                    _bindable(socket.AF_INET, socket.SOCK_STREAM, address, tcp_port)):
+                break
+        else:
+            return ["127.0.0.%d" % n for n in range(first, first + count)], leases
+        for lease in leases:
+            lease.release()
+    raise RuntimeError("no %d consecutive free loopback addresses in 127.0.0.%d-%d"
+                       % (count, ADDRESS_RANGE[0], ADDRESS_RANGE[-1]))
 
 
 def lease_port(host="::1"):
@@ -456,6 +479,28 @@ class E2ETestCase(unittest.TestCase):
         sim.start()
         return sim
 
+    def start_sims(self, knob_list, addresses=None):
+        """One simulated SMM per dict of knobs, started side by side; stopped at the end of the test.
+
+        addresses: where each listens (leased by the caller), else each leases its own.
+        """
+        sims = []
+        for i, knobs in enumerate(knob_list):
+            sim = Sim(self._new_dir("sim"), knobs, address=addresses[i] if addresses else None)
+            self.addCleanup(sim.close)
+            sims.append(sim)
+        with concurrent.futures.ThreadPoolExecutor(max_workers=8) as pool:
+            # list() re-raises the first start that failed.
+            list(pool.map(lambda sim: sim.start(), sims))
+        return sims
+
+    def lease_block(self, count):
+        """`count` consecutive free loopback addresses, ours for the test."""
+        addresses, leases = lease_block(count)
+        for lease in leases:
+            self.addCleanup(lease.release)
+        return addresses
+
     def lease_address(self, udp_port=623, tcp_port=443):
         """A loopback address with nothing listening, ours for the test."""
         address, lease = lease_address(udp_port, tcp_port)
@@ -558,5 +603,5 @@ def parse_probe_line(line):
 
 __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
-           "lease_port", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
+           "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
            "SANITIZED", "peak_rss_bound_kib"]

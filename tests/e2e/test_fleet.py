@@ -1,0 +1,371 @@
+"""`morvel smmlan` over many SMMs in one run: blocks, summary, JSON Lines, ranges, fan-out, interrupt, progress.
+
+The simulated SMMs mix Redfish and IPMI-only ones; a dead address (nothing
+listens) and an SMM that refuses the password fail on their own. Every block
+of the text form and every record of the JSON form is checked whole; the order
+in which targets end is not fixed, so blocks are matched by their label.
+"""
+
+import json
+import os
+import pty
+import re
+import select
+import signal
+import subprocess
+import sys
+import time
+import unittest
+
+import jsonschema
+
+from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase
+
+PASSWORD = "Fl33t:pw@1"
+CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
+          "IPMI_SESSION_TIMEOUT_MS": "2000"}
+SCHEMA_PATH = os.path.join(SOURCE_DIR, "doc", "smmlan-records.schema.json")
+with open(SCHEMA_PATH, encoding="utf-8") as schema_file:
+    VALIDATOR = jsonschema.Draft202012Validator(json.load(schema_file))
+
+AUTH = "Authentication failed. For instance, user name or password error."
+QUERY_BANNER = "************Query Result************"
+ENABLE_BANNER = "************Enable Result************"
+# The console lines of each kind of target, without the result line.
+REDFISH_QUERY = [QUERY_BANNER, "", "Query SMM network status succeeded",
+                 "    Status: SMM network over LAN enabled and IPMI over LAN disabled", "    SMM IP: 192.0.2.100", "",
+                 QUERY_BANNER, ""]
+IPMI_QUERY = [QUERY_BANNER, "", "Query SMM network status succeeded", "    Status: Enabled", "    SMM IP: 192.0.2.100",
+              "", QUERY_BANNER]
+DEAD_QUERY = [QUERY_BANNER, "", "Query SMM network status failed.", "    Error msg: Connection failed.", "",
+              QUERY_BANNER]
+REFUSED_QUERY = [QUERY_BANNER, "", "Query SMM network status failed.", "    Error msg: " + AUTH, "", QUERY_BANNER]
+STATE_ON = {"network": "enabled", "ipmi_over_lan": False, "ipv4": "192.0.2.100"}
+NOTHING_READ = {"network": None, "ipmi_over_lan": None, "ipv4": None}
+
+
+def blocks(text):
+    """{label: [lines]} of one stream, failing unless every label's lines are one unbroken run."""
+    found = {}
+    order = []
+    for line in text.splitlines():
+        label, _, rest = line.partition(": ")
+        if not order or order[-1] != label:
+            if label in found:
+                raise AssertionError("lines of %s are split by another target's:\n%s" % (label, text))
+            order.append(label)
+            found[label] = []
+        found[label].append(rest)
+    return found
+
+
+def records(stdout):
+    """The JSON Lines of stdout, each checked against the schema: (target records, summary)."""
+    rows = [json.loads(line) for line in stdout.splitlines()]
+    for row in rows:
+        VALIDATOR.validate(row)
+    assert rows and "summary" in rows[-1], stdout
+    return rows[:-1], rows[-1]["summary"]
+
+
+def comparable(record):
+    """A record without what differs from run to run."""
+    return {k: v for k, v in record.items() if k != "elapsed_ms"}
+
+
+class FleetCase(E2ETestCase):
+    def fleet(self, args, stdin=None, env=None, config=None, timeout=300):
+        result = self.run_morvel(["smmlan"] + list(args), config=dict(CONFIG, **(config or {})), log_level=4,
+                                 env=dict({"MORVEL_BMC_PASSWORD": PASSWORD}, **(env or {})), stdin=stdin,
+                                 timeout=timeout)
+        for text in (result.stdout, result.stderr, result.files["log"]):
+            self.assertNotIn(PASSWORD, text)
+            self.assertNotIn("Fl33t", text)
+        return result
+
+    def mixed(self):
+        """20 targets: 9 over Redfish, 9 IPMI-only, one refusing the password, one dead address."""
+        knobs = [{"PASSWORD": PASSWORD}] * 9 + [{"PASSWORD": PASSWORD, "REDFISH": "off"}] * 9 + \
+                [{"PASSWORD": "other-pw"}]
+        sims = self.start_sims(knobs)
+        dead = self.lease_address()
+        return sims[:9], sims[9:18], sims[18], dead
+
+    def expected_query_outcomes(self, redfish, ipmi, refused, dead):
+        """{label: (console lines, result line, ok)}."""
+        expected = {sim.address: (REDFISH_QUERY, "0 Succeed.", True) for sim in redfish}
+        expected.update({sim.address: (IPMI_QUERY, "0 Succeed.", True) for sim in ipmi})
+        expected[refused.address] = (REFUSED_QUERY, "2054 " + AUTH, False)
+        expected[dead] = (DEAD_QUERY, "13 Connection failed.", False)
+        return expected
+
+
+class TextOutput(FleetCase):
+    def test_twenty_smms_mixed_blocks_summary_and_status(self):
+        redfish, ipmi, refused, dead = self.mixed()
+        targets = [sim.address for sim in redfish + ipmi] + [refused.address, dead]
+        result = self.fleet(["query", "--bmc", "admin@" + ",".join(targets)])
+        self.assertEqual(result.returncode, 1, result.describe())
+        summary = ("smmlan query: 20 SMMs, 18 succeeded, 2 failed\n"
+                   "  13 Connection failed.: %s\n"
+                   "  2054 %s: %s\n" % (dead, AUTH, refused.address))
+        self.assertTrue(result.stdout.endswith(summary), result.stdout)
+        out = blocks(result.stdout[:-len(summary)])
+        err = blocks(result.stderr)
+        expected = self.expected_query_outcomes(redfish, ipmi, refused, dead)
+        self.assertEqual(sorted(out), sorted(expected))
+        for label, (console, result_line, ok) in expected.items():
+            with self.subTest(target=label):
+                self.assertEqual(out[label], console + ([result_line] if ok else []))
+                self.assertEqual(err.get(label), None if ok else [result_line])
+        # Redfish SMMs were read once over HTTPS and never over IPMI; IPMI-only ones twice over IPMI.
+        for sim in redfish:
+            self.assertEqual([r[:2] for r in sim.redfish_requests()], [("GET", "/redfish/v1/Chassis/2")])
+            self.assertEqual(sim.ipmi_requests(), [])
+        for sim in ipmi:
+            self.assertEqual([cmd for cmd, _ in sim.ipmi_requests()], ["f1", "c4"])
+        # Every log record of a target names it.
+        for label in targets:
+            self.assertIn(" [%s] Src/Misc/SmmLan/SmmLan:14 Entering  SmmLan::SmmLan\n" % label, result.files["log"])
+
+    def test_a_range_over_consecutive_addresses(self):
+        addresses = self.lease_block(4)
+        self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off"}] * 4, addresses=addresses)
+        first, last = addresses[0].rsplit(".", 1)[1], addresses[-1].rsplit(".", 1)[1]
+        result = self.fleet(["query", "--bmc", "admin@127.0.0.[%s-%s]" % (first, last)])
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
+        out = blocks(result.stdout[:-len("smmlan query: 4 SMMs, 4 succeeded, 0 failed\n")])
+        self.assertEqual(out, {address: IPMI_QUERY + ["0 Succeed."] for address in addresses})
+        self.assertTrue(result.stdout.endswith("smmlan query: 4 SMMs, 4 succeeded, 0 failed\n"))
+
+    def test_always_prefix_on_one_target_keeps_its_status_and_adds_no_summary(self):
+        sim = self.start_sims([{"PASSWORD": "other-pw", "REDFISH": "off"}])[0]
+        result = self.fleet(["query", "--always-prefix", "--bmc", "admin@" + sim.address])
+        label = sim.address + ": "
+        self.assertEqual(result.returncode, 255, result.describe())
+        self.assertEqual(result.stdout, "".join(label + line + "\n" for line in REFUSED_QUERY))
+        self.assertEqual(result.stderr, label + "2054 " + AUTH + "\n")
+
+    def test_repeated_target_runs_once_with_a_warning(self):
+        sim = self.start_sims([{"PASSWORD": PASSWORD}])[0]
+        result = self.fleet(["query", "--bmc", "admin@%s,%s:443" % (sim.address, sim.address)])
+        self.assertEqual(result.returncode, 0, result.describe())
+        self.assertEqual(result.stderr, "morvel: warning: %s:443 is given more than once; it runs once\n" % sim.address)
+        self.assertEqual(result.stdout, "".join(line + "\n" for line in REDFISH_QUERY) + "0 Succeed.\n")
+        self.assertEqual(len(sim.redfish_requests()), 1)
+
+    def test_bad_targets_end_the_run_before_any_smm_is_contacted(self):
+        sim = self.start_sims([{"PASSWORD": PASSWORD}])[0]
+        cases = [
+            (["--bmc", "admin@%s,smm[9-1]" % sim.address], "morvel: --bmc: 'smm[9-1]': descending range 9-1"),
+            (["--bmc", "admin@%s" % sim.address, "--bmc", "admin@rack[1-3"],
+             "morvel: --bmc: 'rack[1-3': unbalanced brackets"),
+            (["--bmc", "admin@%s,x:0" % sim.address], "morvel: --bmc: 'x:0': invalid port; it must be a number from 1 to 65535"),
+            (["--bmc", "admin@n[1-400]-m[1-400]"], "morvel: --bmc: 'n[1-400]-m[1-400]': more than 100000 targets after expansion"),
+            (["--bmc-file", os.path.join(self.tmp, "missing")],
+             "morvel: --bmc-file: cannot read target file %s: No such file or directory" % os.path.join(self.tmp, "missing")),
+            (["--bmc", "admin@%s" % sim.address, "--fanout", "0"], "morvel: --fanout must be a number from 1 to 1024"),
+        ]
+        for args, message in cases:
+            with self.subTest(args=args):
+                result = self.fleet(["query"] + args)
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (5, "", message + "\n"))
+        self.assertEqual((sim.redfish_requests(), sim.ipmi_requests()), ([], []))
+
+    def test_unknown_subcommand_of_a_fleet_is_refused_at_once(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD}] * 2)
+        result = self.fleet(["Query", "--bmc", "admin@%s,%s" % (sims[0].address, sims[1].address)])
+        self.assertEqual((result.returncode, result.stdout), (4, ""))
+        self.assertEqual(result.stderr, "morvel: subcommands are case-sensitive: did you mean 'query'?\n"
+                                        "4 Invalid command.\n")
+        self.assertEqual([s.redfish_requests() for s in sims], [[], []])
+
+    def test_a_target_file_from_standard_input(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD}, {"PASSWORD": PASSWORD, "REDFISH": "off"}])
+        text = "# row 7\n\nadmin@%s\n  admin@%s  \n" % (sims[0].address, sims[1].address)
+        result = self.fleet(["query", "--bmc-file", "-"], stdin=text)
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
+        out = blocks(result.stdout[:-len("smmlan query: 2 SMMs, 2 succeeded, 0 failed\n")])
+        self.assertEqual(out, {sims[0].address: REDFISH_QUERY + ["0 Succeed."],
+                               sims[1].address: IPMI_QUERY + ["0 Succeed."]})
+
+    def test_a_target_file_open_to_others_with_passwords_is_warned_of(self):
+        sim = self.start_sims([{"PASSWORD": PASSWORD}])[0]
+        path = os.path.join(self.tmp, "targets")
+        with open(path, "w", encoding="utf-8") as f:
+            f.write("admin:%s@%s\n" % (PASSWORD, sim.address))
+        os.chmod(path, 0o644)
+        result = self.fleet(["query", "--bmc-file", path])
+        self.assertEqual(result.returncode, 0, result.describe())
+        self.assertEqual(result.stderr, "morvel: warning: target file %s holds passwords and is readable by group or "
+                                        "others (chmod 600 it)\n" % path)
+
+
+class JsonOutput(FleetCase):
+    def test_twenty_smms_mixed_records_and_summary(self):
+        redfish, ipmi, refused, dead = self.mixed()
+        targets = [sim.address for sim in redfish + ipmi] + [refused.address, dead]
+        result = self.fleet(["query", "--output", "json", "--bmc", "admin@" + ",".join(targets)])
+        self.assertEqual((result.returncode, result.stderr), (1, ""), result.describe())
+        rows, summary = records(result.stdout)
+        expected = self.expected_query_outcomes(redfish, ipmi, refused, dead)
+        self.assertEqual(sorted(row["target"] for row in rows), sorted(expected))
+        for row in rows:
+            label = row["target"]
+            console, result_line, ok = expected[label]
+            code, message = result_line.split(" ", 1)
+            protocol = "redfish" if label in [s.address for s in redfish] else None if label == dead else "ipmi"
+            state = NOTHING_READ if not ok else STATE_ON
+            with self.subTest(target=label):
+                self.assertGreaterEqual(row["elapsed_ms"], 0)
+                self.assertEqual(comparable(row), {
+                    "target": label, "host": label, "port": 443, "user": "admin", "subcommand": "query",
+                    "protocol": protocol, "code": int(code), "message": message, "ok": ok, "interrupted": False,
+                    "change_sent": False, "state": state, "console": console})
+        self.assertGreaterEqual(summary.pop("elapsed_ms"), 0)
+        self.assertEqual(summary, {"subcommand": "query", "targets": 20, "succeeded": 18, "failed": 2,
+                                   "failed_by_code": {"13": [dead], "2054": [refused.address]},
+                                   "interrupted": [], "not_started": []})
+
+    def test_fanout_one_gives_the_results_of_fanout_sixty_four(self):
+        redfish, ipmi, refused, dead = self.mixed()
+        bmc = "admin@" + ",".join([sim.address for sim in redfish[:3] + ipmi[:3]] + [refused.address, dead])
+        wide = self.fleet(["query", "--output", "json", "--bmc", bmc])
+        narrow = self.fleet(["query", "--output", "json", "--fanout", "1", "--bmc", bmc])
+        self.assertEqual((wide.returncode, narrow.returncode), (1, 1))
+        wide_rows, wide_summary = records(wide.stdout)
+        narrow_rows, narrow_summary = records(narrow.stdout)
+        by_target = lambda rows: sorted((comparable(r) for r in rows), key=lambda r: r["target"])  # noqa: E731
+        self.assertEqual(by_target(narrow_rows), by_target(wide_rows))
+        # One at a time: the records come in the order given.
+        self.assertEqual([r["target"] for r in narrow_rows], bmc.split("@", 1)[1].split(","))
+        for summary in (wide_summary, narrow_summary):
+            summary.pop("elapsed_ms")
+        self.assertEqual(narrow_summary, wide_summary)
+
+    def test_one_target_in_json_keeps_its_exit_status(self):
+        sim = self.start_sims([{"PASSWORD": "other-pw", "REDFISH": "off"}])[0]
+        result = self.fleet(["query", "--output=json", "--bmc", "admin@" + sim.address])
+        self.assertEqual((result.returncode, result.stderr), (255, ""), result.describe())
+        rows, summary = records(result.stdout)
+        self.assertEqual([(r["code"], r["protocol"], r["console"]) for r in rows], [(2054, "ipmi", REFUSED_QUERY)])
+        self.assertEqual(summary["failed_by_code"], {"2054": [sim.address]})
+
+    def test_enable_records_the_state_it_established(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "INITIAL_STATUS": 2},
+                                {"PASSWORD": PASSWORD, "INITIAL_STATUS": 2, "REDFISH": "off"}])
+        result = self.fleet(["enable", "--output", "json", "--bmc", "admin@%s,%s" % (sims[0].address, sims[1].address)])
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
+        rows, summary = records(result.stdout)
+        got = {r["target"]: (r["protocol"], r["change_sent"], r["state"]) for r in rows}
+        self.assertEqual(got, {
+            # Over Redfish the probe read the address and the network off; the PATCH switched it on.
+            sims[0].address: ("redfish", True, {"network": "enabled", "ipmi_over_lan": False, "ipv4": "192.0.2.100"}),
+            sims[1].address: ("ipmi", True, STATE_ON)})
+        self.assertEqual([s.state()["STATUS"] for s in sims], [1, 1])
+        self.assertEqual((summary["succeeded"], summary["failed"]), (2, 0))
+
+
+class Interrupt(FleetCase):
+    def start_polling_enable(self, count, sig):
+        """An enable of `count` IPMI-only SMMs whose change never shows; returns (sims, result) after `sig`."""
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "INITIAL_STATUS": 2,
+                                 "STATUS_DELAY_READS": 1000}] * count)
+        log = os.path.join(self.tmp, "interrupt.log")
+        config = self.write_config(CONFIG)
+        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log, "--log-level", "4", "--config", config, "smmlan", "enable",
+                                 "--bmc", "admin@" + ",".join(s.address for s in sims)]
+        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        # Every SMM got its change and is being polled.
+        deadline = time.monotonic() + 60
+        while not all(("f1", "01") in s.ipmi_requests() for s in sims):
+            self.assertLess(time.monotonic(), deadline, "not every SMM got its change")
+            self.assertIsNone(process.poll())
+            time.sleep(0.1)
+        sent = time.monotonic()
+        process.send_signal(sig)
+        stdout, stderr = process.communicate(timeout=60)
+        return sims, process.returncode, stdout.decode(), stderr.decode(), time.monotonic() - sent
+
+    def test_sigint_during_the_polling_of_ten_smms(self):
+        sims, status, stdout, stderr, took = self.start_polling_enable(10, signal.SIGINT)
+        self.assertEqual(status, 130, stderr)
+        # Polls and their sleeps wake at once; a session start under way may finish first.
+        self.assertLess(took, 5)
+        labels = [s.address for s in sims]
+        line = "interrupted after a change was sent; the SMM's state is unconfirmed"
+        self.assertEqual(blocks(stderr), {label: [line] for label in labels})
+        summary = "smmlan enable: 10 SMMs, 0 succeeded, 0 failed, 10 interrupted\n  %s: %s\n" % (line, ", ".join(labels))
+        self.assertTrue(stdout.endswith(summary), stdout)
+        out = blocks(stdout[:-len(summary)])
+        for label in labels:
+            self.assertEqual(out[label][0], "[INFO]: Send enable command succeeded, wait for status take effect.")
+            self.assertEqual(out[label][1], "Check SMM network status attempt(0)")
+
+    def test_sigterm_ends_with_143_and_json_records(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "INITIAL_STATUS": 2,
+                                 "STATUS_DELAY_READS": 1000}] * 2)
+        config = self.write_config(CONFIG)
+        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config", config, "smmlan",
+                                 "enable", "--output", "json", "--fanout", "1",
+                                 "--bmc", "admin@" + ",".join(s.address for s in sims)]
+        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
+                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        deadline = time.monotonic() + 60
+        while ("f1", "01") not in sims[0].ipmi_requests():
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.1)
+        process.send_signal(signal.SIGTERM)
+        stdout, stderr = process.communicate(timeout=60)
+        self.assertEqual((process.returncode, stderr), (143, b""))
+        rows, summary = records(stdout.decode())
+        self.assertEqual([(r["target"], r["interrupted"], r["change_sent"], r["code"]) for r in rows],
+                         [(sims[0].address, True, True, None)])
+        self.assertEqual((summary["interrupted"], summary["not_started"]), ([sims[0].address], [sims[1].address]))
+        self.assertEqual(sims[1].ipmi_requests(), [])
+
+
+class Progress(FleetCase):
+    def test_progress_line_on_a_terminal_only(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "STATUS_DELAY_READS": 2}] * 2)
+        config = self.write_config(CONFIG)
+        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config", config, "smmlan",
+                                 "disable", "--bmc", "admin@" + ",".join(s.address for s in sims)]
+        main, other = pty.openpty()
+        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
+                                   stdout=subprocess.PIPE, stderr=other)
+        os.close(other)
+        terminal = b""
+        while True:
+            ready, _, _ = select.select([main], [], [], 60)
+            self.assertTrue(ready, "no progress on the terminal")
+            try:
+                chunk = os.read(main, 4096)
+            except OSError:  # the process closed its end
+                break
+            if not chunk:
+                break
+            terminal += chunk
+        os.close(main)
+        stdout = process.stdout.read().decode()
+        process.stdout.close()
+        self.assertEqual(process.wait(30), 0)
+        text = terminal.decode()
+        drawn = re.findall(r"\r\x1b\[K(smmlan disable: \d/2 done, \d failed, \d running, \d:\d\d elapsed)", text)
+        self.assertIn("smmlan disable: 0/2 done, 0 failed, 2 running, 0:00 elapsed", drawn)
+        self.assertTrue(set(drawn) <= {"smmlan disable: %d/2 done, 0 failed, %d running, 0:0%d elapsed" % (d, 2 - d, s)
+                                       for d in range(3) for s in range(10)}, drawn)
+        # Removed at the end: the terminal is left with an empty line.
+        self.assertTrue(text.endswith("\r\x1b[K"), repr(text[-80:]))
+        self.assertTrue(stdout.endswith("smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n"))
+        self.assertNotIn("\x1b", stdout)
+
+    def test_no_progress_when_standard_error_is_no_terminal(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD}] * 2)
+        result = self.fleet(["query", "--bmc", "admin@%s,%s" % (sims[0].address, sims[1].address)])
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+
+if __name__ == "__main__":
+    unittest.main()
