@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 #include <iostream>
+#include <locale>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -77,12 +77,12 @@ private:
 
 // Ends the process the way the signal would have, at once.
 [[noreturn]] void EndBySignal(int number) {
-    std::signal(number, SIG_DFL);
+    static_cast<void>(std::signal(number, SIG_DFL));
     sigset_t set;
     sigemptyset(&set);
     sigaddset(&set, number);
     pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    ::raise(number);
+    static_cast<void>(::raise(number));
     ::_exit(128 + number);
 }
 
@@ -110,13 +110,23 @@ private:
     bool m_drawn = false;
 };
 
-std::string ProgressText(const std::string& subcommand, const FleetRunner& runner, size_t total, int64_t elapsedMs) {
+// libstdc++ fills the narrow() table of std::ctype<char> one character at a
+// time, from whichever thread asks first (Boost.Format asks for every URL):
+// filled whole here, the workers only ever read it.
+void FillCharacterTable() {
+    char all[256];
+    for (int c = 0; c < 256; ++c) all[c] = static_cast<char>(c);
+    char narrowed[256];
+    std::use_facet<std::ctype<char>>(std::locale()).narrow(all, all + 256, '\0', narrowed);
+}
+
+// "COMMAND SUBCOMMAND: D/N done, F failed, R running, M:SS elapsed".
+std::string ProgressText(const std::string& title, const FleetRunner::Counts& counts, size_t total,
+                         int64_t elapsedMs) {
     const int64_t seconds = elapsedMs / 1000;
-    char clock[32];
-    std::snprintf(clock, sizeof clock, "%lld:%02lld", static_cast<long long>(seconds / 60),
-                  static_cast<long long>(seconds % 60));
-    return "smmlan " + subcommand + ": " + std::to_string(runner.Done()) + "/" + std::to_string(total) + " done, " +
-           std::to_string(runner.Failed()) + " failed, " + std::to_string(runner.Running()) + " running, " + clock +
+    const std::string clock = std::to_string(seconds / 60) + (seconds % 60 < 10 ? ":0" : ":") + std::to_string(seconds % 60);
+    return title + ": " + std::to_string(counts.done) + "/" + std::to_string(total) + " done, " +
+           std::to_string(counts.failed) + " failed, " + std::to_string(counts.running) + " running, " + clock +
            " elapsed";
 }
 
@@ -150,7 +160,8 @@ std::optional<std::string> RaiseOpenFileLimit(size_t running) {
 
 std::unique_ptr<FleetReport> MakeReport(const CommandLine& line, const std::vector<Target>& targets) {
     if (line.output == OutputFormat::Json) return std::make_unique<JsonLinesReport>(std::cout, targets, line.subCommand);
-    return std::make_unique<TextReport>(std::cout, std::cerr, targets, line.subCommand, targets.size() >= 2);
+    return std::make_unique<TextReport>(std::cout, std::cerr, targets, line.command + " " + line.subCommand,
+                                        targets.size() >= 2);
 }
 
 }  // namespace
@@ -166,6 +177,7 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
     }
     // Before any thread uses a client: FreeIPMI's crypto set-up is not thread-safe.
     Plexum::IpmiClient::InitializeLibrary();
+    FillCharacterTable();
     if (const auto refused = RaiseOpenFileLimit(std::min<size_t>(line.fanout, targets.size()))) {
         PLEXUM_LOG(1, HostLog::kSource, HostLog::kOpenFileLimit) << *refused;
         std::cerr << "morvel: " << *refused << std::endl;
@@ -213,8 +225,10 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
             }
         }
         if ((watched[1].revents & POLLIN) != 0) break;
+        // Read before taking the output lock: a finishing target holds the runner's lock while it writes.
+        const FleetRunner::Counts counts = runner.Now();
         std::lock_guard<std::mutex> lock(output);
-        progress.Draw(ProgressText(line.subCommand, runner, targets.size(), MillisecondsSince(start)));
+        progress.Draw(ProgressText(line.command + " " + line.subCommand, counts, targets.size(), MillisecondsSince(start)));
     }
     runner.Join();
     summary.SetNotStarted(runner.NotStarted());

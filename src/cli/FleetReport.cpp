@@ -151,9 +151,9 @@ std::vector<std::pair<size_t, bool>> FleetSummary::Interrupted() const {
     return std::vector<std::pair<size_t, bool>>(m_interrupted.begin(), m_interrupted.end());
 }
 
-TextReport::TextReport(std::ostream& out, std::ostream& err, const std::vector<Target>& targets,
-                       std::string subcommand, bool summary)
-    : m_out(out), m_err(err), m_targets(targets), m_subcommand(std::move(subcommand)), m_summary(summary) {}
+TextReport::TextReport(std::ostream& out, std::ostream& err, const std::vector<Target>& targets, std::string title,
+                       bool summary)
+    : m_out(out), m_err(err), m_targets(targets), m_title(std::move(title)), m_summary(summary) {}
 
 void TextReport::TargetEnded(const TargetOutcome& outcome) {
     const std::string prefix = m_targets[outcome.index].label + ": ";
@@ -180,7 +180,7 @@ void TextReport::TargetEnded(const TargetOutcome& outcome) {
 
 void TextReport::Finish(const FleetSummary& summary, int64_t) {
     if (!m_summary) return;
-    m_out << "smmlan " << m_subcommand << ": " << summary.Targets() << " SMMs, " << summary.Succeeded()
+    m_out << m_title << ": " << summary.Targets() << " SMMs, " << summary.Succeeded()
           << " succeeded, " << summary.Failed() << " failed";
     const auto interrupted = summary.Interrupted();
     if (!interrupted.empty()) m_out << ", " << interrupted.size() << " interrupted";

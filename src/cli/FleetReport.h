@@ -63,10 +63,11 @@ public:
 
 // Each target's console lines and result line as one block, every line
 // prefixed "LABEL: ", on the stream a single run would use; then a summary on
-// standard output unless `summary` is false.
+// standard output ("TITLE: N SMMs, ..."; TITLE is the command and subcommand)
+// unless `summary` is false.
 class TextReport : public FleetReport {
 public:
-    TextReport(std::ostream& out, std::ostream& err, const std::vector<Target>& targets, std::string subcommand,
+    TextReport(std::ostream& out, std::ostream& err, const std::vector<Target>& targets, std::string title,
                bool summary);
     void TargetEnded(const TargetOutcome& outcome) override;
     void Finish(const FleetSummary& summary, int64_t elapsedMs) override;
@@ -75,7 +76,7 @@ private:
     std::ostream& m_out;
     std::ostream& m_err;
     const std::vector<Target>& m_targets;
-    std::string m_subcommand;
+    std::string m_title;
     bool m_summary;
 };
 

@@ -39,6 +39,11 @@ void FleetRunner::Join() {
     }
 }
 
+FleetRunner::Counts FleetRunner::Now() const {
+    std::lock_guard<std::mutex> lock(m_finishedMutex);
+    return m_counts;
+}
+
 std::vector<size_t> FleetRunner::NotStarted() const {
     std::vector<size_t> indices = m_handedBack;
     for (size_t i = std::min(m_next.load(), m_targets.size()); i < m_targets.size(); ++i) indices.push_back(i);
@@ -52,18 +57,20 @@ void FleetRunner::Work() {
         if (m_stop.Requested()) break;
         const size_t index = m_next.fetch_add(1);
         if (index >= m_targets.size()) break;
-        if (m_stop.Requested()) {
-            // Taken just as the stop came: it never starts.
+        {
             std::lock_guard<std::mutex> lock(m_finishedMutex);
-            m_handedBack.push_back(index);
-            break;
+            if (m_stop.Requested()) {
+                // Taken just as the stop came: it never starts.
+                m_handedBack.push_back(index);
+                break;
+            }
+            ++m_counts.running;
         }
-        ++m_running;
         TargetOutcome outcome = RunTarget(index);
-        if (!outcome.Succeeded()) ++m_failed;
         std::lock_guard<std::mutex> lock(m_finishedMutex);
-        --m_running;
-        ++m_done;
+        --m_counts.running;
+        ++m_counts.done;
+        if (!outcome.Succeeded()) ++m_counts.failed;
         if (m_finished) m_finished(std::move(outcome));
     }
     if (--m_workersLeft == 0 && m_allDone) m_allDone();

@@ -52,9 +52,13 @@ public:
     // Waits for every worker.
     void Join();
 
-    size_t Done() const { return m_done.load(); }
-    size_t Failed() const { return m_failed.load(); }
-    size_t Running() const { return m_running.load(); }
+    struct Counts {
+        size_t done = 0;
+        size_t failed = 0;  // of those done
+        size_t running = 0;
+    };
+    // One consistent reading, for the progress line.
+    Counts Now() const;
     // After Join: the targets that never started, in the order given.
     std::vector<size_t> NotStarted() const;
 
@@ -69,11 +73,9 @@ private:
     Plexum::StopSignal& m_stop;
     Finished m_finished;
     std::function<void()> m_allDone;
-    std::mutex m_finishedMutex;
+    mutable std::mutex m_finishedMutex;
+    Counts m_counts;  // under m_finishedMutex
     std::atomic<size_t> m_next{0};
-    std::atomic<size_t> m_done{0};
-    std::atomic<size_t> m_failed{0};
-    std::atomic<size_t> m_running{0};
     std::atomic<size_t> m_workersLeft{0};
     std::vector<size_t> m_handedBack;  // taken by a worker as the stop came; under m_finishedMutex
     std::vector<std::thread> m_workers;

@@ -26,6 +26,13 @@ TargetError ItemError(const std::string& item, const std::string& reason) {
     return TargetError{"'" + Printable(item) + "': " + reason};
 }
 
+// "ORIGIN: REASON".
+TargetError From(const std::string& origin, const std::string& reason) {
+    std::string message = origin;
+    message.append(": ").append(reason);
+    return TargetError{message};
+}
+
 // One bracket group's numbers, as text, in the order written.
 struct Group {
     std::vector<std::string> values;
@@ -193,25 +200,25 @@ std::optional<TargetError> TargetList::AddValue(const std::string& value, const 
     std::string reason;
     if (at == std::string::npos) {
         Plexum::ParseBmcTarget(value, parsed, reason);  // says what is missing
-        return TargetError{origin + ": " + reason};
+        return From(origin, reason);
     }
     const std::string credentials = value.substr(0, at + 1);
     if (credentials.find_first_of(":@") == 0) {
         Plexum::ParseBmcTarget(value, parsed, reason);  // the user name, whatever the hosts
-        return TargetError{origin + ": " + reason};
+        return From(origin, reason);
     }
     const std::string hosts = value.substr(at + 1);
     std::vector<std::string> items;
     if (auto error = ExpandHosts(hosts, kMaxTargets - m_targets.size(), items)) {
-        return TargetError{origin + ": " + error->message};
+        return From(origin, error->message);
     }
     std::vector<Target> added;
     added.reserve(items.size());
     for (std::string& item : items) {
         if (!Plexum::ParseBmcTarget(credentials + item, parsed, reason)) {
             // A plain single host keeps the message it always had; in a list the item is named.
-            if (item == hosts) return TargetError{origin + ": " + reason};
-            return TargetError{origin + ": " + ItemError(item, reason).message};
+            if (item == hosts) return From(origin, reason);
+            return From(origin, ItemError(item, reason).message);
         }
         added.push_back(Target{std::move(parsed), std::move(item)});
     }
@@ -226,7 +233,7 @@ std::optional<TargetError> TargetList::AddText(std::istream& text, const std::st
         const int read = ReadLine(text, line, kMaxLineBytes);
         if (read == 0) break;
         const std::string origin = name + ":" + std::to_string(number);
-        if (read < 0) return TargetError{origin + ": line longer than " + std::to_string(kMaxLineBytes) + " bytes"};
+        if (read < 0) return From(origin, "line longer than " + std::to_string(kMaxLineBytes) + " bytes");
         const std::string value = Trimmed(line);
         if (value.empty() || value[0] == '#') continue;
         const size_t before = m_targets.size();

@@ -17,31 +17,34 @@
 #include <cstring>
 
 int main(int argc, char** argv) {
+    // Nothing is left to do when standard error fails: the exit status says it.
     if (argc < 3) {
-        std::fprintf(stderr, "usage: peak_rss FILE COMMAND [ARGUMENT]...\n");
+        static_cast<void>(std::fprintf(stderr, "usage: peak_rss FILE COMMAND [ARGUMENT]...\n"));
         return 2;
     }
     const pid_t child = ::fork();
     if (child < 0) {
-        std::fprintf(stderr, "peak_rss: fork: %s\n", std::strerror(errno));
+        static_cast<void>(std::fprintf(stderr, "peak_rss: fork: %s\n", std::strerror(errno)));
         return 2;
     }
     if (child == 0) {
         ::execvp(argv[2], argv + 2);
-        std::fprintf(stderr, "peak_rss: %s: %s\n", argv[2], std::strerror(errno));
+        static_cast<void>(std::fprintf(stderr, "peak_rss: %s: %s\n", argv[2], std::strerror(errno)));
         ::_exit(127);
     }
     int status = 0;
     rusage usage{};
     while (::wait4(child, &status, 0, &usage) < 0) {
         if (errno != EINTR) {
-            std::fprintf(stderr, "peak_rss: wait4: %s\n", std::strerror(errno));
+            static_cast<void>(std::fprintf(stderr, "peak_rss: wait4: %s\n", std::strerror(errno)));
             return 2;
         }
     }
     std::FILE* const file = std::fopen(argv[1], "w");
-    if (file == nullptr || std::fprintf(file, "%ld\n", usage.ru_maxrss) < 0 || std::fclose(file) != 0) {
-        std::fprintf(stderr, "peak_rss: cannot write %s\n", argv[1]);
+    const bool written = file != nullptr && std::fprintf(file, "%ld\n", usage.ru_maxrss) >= 0;
+    const bool closed = file != nullptr && std::fclose(file) == 0;
+    if (!written || !closed) {
+        static_cast<void>(std::fprintf(stderr, "peak_rss: cannot write %s\n", argv[1]));
         return 2;
     }
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);

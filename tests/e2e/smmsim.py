@@ -175,7 +175,7 @@ def base_env(home):
         "HOME": home,
         "XDG_STATE_HOME": os.path.join(home, ".local", "state"),
     }
-    for key in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"):
+    for key in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"):
         if key in os.environ:
             env[key] = os.environ[key]
     return env

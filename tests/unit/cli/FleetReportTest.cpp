@@ -55,7 +55,7 @@ TEST(TextReport, BlocksAreLabelledLineByLineOnTheirStreams) {
     const auto targets = Targets({"a:pw@smm01", "a:pw@[fd00::5]:8443"});
     std::ostringstream out;
     std::ostringstream err;
-    TextReport report(out, err, targets, "query", true);
+    TextReport report(out, err, targets, "smmlan query", true);
     report.TargetEnded(Outcome(1, 0, kQueryBlock));
     auto failed = Outcome(0, 13, {{false, "************Query Result************\n"},
                                   {true, "Execute command to enable smm network success but wait status change timeout"}});
@@ -93,7 +93,7 @@ TEST(TextReport, SummaryGroupsFailuresByCodeInTheOrderGiven) {
     summary.Add(Outcome(1, 2054, {}));
     std::ostringstream out;
     std::ostringstream err;
-    TextReport(out, err, targets, "enable", true).Finish(summary, 0);
+    TextReport(out, err, targets, "smmlan enable", true).Finish(summary, 0);
     EXPECT_EQ(out.str(),
               "smmlan enable: 6 SMMs, 1 succeeded, 5 failed\n"
               "  1 Generic Failure.: t2\n"
@@ -106,7 +106,7 @@ TEST(TextReport, InterruptedAndUnstartedTargets) {
     const auto targets = Targets({"a@t0", "a@t1", "a@t2", "a@t3", "a@t4"});
     std::ostringstream out;
     std::ostringstream err;
-    TextReport report(out, err, targets, "enable", true);
+    TextReport report(out, err, targets, "smmlan enable", true);
     auto sent = Outcome(2, 0, {{false, "[INFO]: Send enable command succeeded, wait for status take effect."}});
     sent.interrupted = true;
     sent.changeSent = true;
@@ -135,7 +135,7 @@ TEST(TextReport, NoSummaryForOneTarget) {
     const auto targets = Targets({"a@only"});
     std::ostringstream out;
     std::ostringstream err;
-    TextReport report(out, err, targets, "query", false);
+    TextReport report(out, err, targets, "smmlan query", false);
     report.TargetEnded(Outcome(0, 0, {{false, "x"}}));
     FleetSummary summary(1);
     report.Finish(summary, 0);
@@ -148,7 +148,7 @@ TEST(TextReport, HostFailureShowsItsText) {
     std::ostringstream err;
     auto outcome = Outcome(0, 17, {});
     outcome.failure = "module smmlan failed: boom";
-    TextReport(out, err, targets, "query", false).TargetEnded(outcome);
+    TextReport(out, err, targets, "smmlan query", false).TargetEnded(outcome);
     EXPECT_EQ(err.str(), "t0: 17 module smmlan failed: boom\n");
 }
 

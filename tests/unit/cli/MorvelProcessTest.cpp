@@ -257,6 +257,89 @@ TEST_F(MorvelProcess, NoBmcIsLeftToTheModule) {
     EXPECT_EQ(records[2], "INFO src/cli/Host no --bmc given");
 }
 
+// The lines of one target's block in a run over many: each prefixed with its label.
+std::string Block(const std::string& label, const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text.append(label).append(": ").append(line).append("\n");
+    return text;
+}
+
+TEST_F(MorvelProcess, ManyTargetsOneAtATimeBlocksAndSummary) {
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--bmc", "admin:Xy9secret@h[1-3]",
+                                      "--fanout", "1", "--fail-host", "h2", "--fail-code", "13"});
+    EXPECT_EQ(result.exitStatus, 1);
+    const std::vector<std::string> probe = {"probe: init", "probe: run query", "probe: option fail-code=13",
+                                            "probe: option fail-host=h2", "probe: option fanout=1", "probe: finish"};
+    std::vector<std::string> succeeded = probe;
+    succeeded.emplace_back("0 Succeed.");
+    EXPECT_EQ(result.out, Block("h1", succeeded) + Block("h2", probe) + Block("h3", succeeded) +
+                              "probe query: 3 SMMs, 2 succeeded, 1 failed\n"
+                              "  13 Connection failed.: h2\n");
+    EXPECT_EQ(result.err, "h2: 13 Connection failed.\n");
+    ExpectNowhere(result, "Xy9secret");
+    const std::string log = ReadWholeFile(m_log);
+    EXPECT_NE(log.find(" INFO [h2] src/cli/Host:115 target h2 port 443 user admin\n"), std::string::npos) << log;
+    EXPECT_NE(log.find(" INFO [h3] tests/unit/cli/ProbeModule:"), std::string::npos) << log;
+}
+
+TEST_F(MorvelProcess, ManyTargetsInJson) {
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "enable", "--bmc", "ops:Xy9secret@a,[::1]:8443",
+                                      "--fanout=1", "--output", "json", "--fail-host", "a", "--fail-code", "2054"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_EQ(result.err, "");
+    const std::string console = R"(["probe: init","probe: run enable","probe: option fail-code=2054",)"
+                                R"("probe: option fail-host=a","probe: option fanout=1","probe: option output=json",)"
+                                R"("probe: finish"])";
+    const std::string state = R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":)";
+    // Elapsed times vary: compare up to them and after them.
+    const auto first = result.out.find(state);
+    ASSERT_NE(first, std::string::npos) << result.out;
+    EXPECT_EQ(result.out.substr(0, first),
+              R"({"target":"a","host":"a","port":443,"user":"ops","subcommand":"enable","protocol":null,)"
+              R"("code":2054,"message":"Authentication failed. For instance, user name or password error.",)"
+              R"("ok":false,"interrupted":false,"change_sent":false,)");
+    EXPECT_NE(result.out.find(R"(,"console":)" + console + "}\n" +
+                              R"({"target":"[::1]:8443","host":"::1","port":8443,"user":"ops","subcommand":"enable",)"
+                              R"("protocol":null,"code":0,"message":"Succeed.","ok":true,"interrupted":false,)"
+                              R"("change_sent":false,)" + state),
+              std::string::npos)
+        << result.out;
+    EXPECT_NE(result.out.find(R"("failed_by_code":{"2054":["a"]},"interrupted":[],"not_started":[]}})" "\n"),
+              std::string::npos)
+        << result.out;
+    ExpectNowhere(result, "Xy9secret");
+}
+
+TEST_F(MorvelProcess, AModuleFailureOfOneTargetLeavesTheOthers) {
+    const ProcessResult result =
+        Run({"--log-file", m_log, "probe", "query", "--bmc", "admin:pw@h1,h2", "--throw", "boom"});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.err.find("h1: 17 module probe failed: boom\n"), std::string::npos) << result.err;
+    EXPECT_NE(result.err.find("h2: 17 module probe failed: boom\n"), std::string::npos) << result.err;
+    EXPECT_NE(result.out.find("probe query: 2 SMMs, 0 succeeded, 2 failed\n  17 Internal error.: h1, h2\n"),
+              std::string::npos)
+        << result.out;
+}
+
+TEST_F(MorvelProcess, AFanoutTheOpenFileLimitCannotHoldIsRefused) {
+    ProcessRequest request;
+    request.arguments = {"--log-file", m_log, "probe", "query", "--bmc", "admin:pw@h[1-200]", "--fanout", "200"};
+    request.environment = Environment();
+    request.openFileLimit = 400;
+    const ProcessResult result = RunMorvel(request);
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "morvel: --fanout 200 may need 1264 open files, but this process may open at most 400 (ulimit -Hn); "
+              "use --fanout 56 or less\n");
+    // Below the hard limit the soft one is raised and the run goes ahead.
+    request.arguments = {"--log-file", m_log, "probe", "query", "--bmc", "admin:pw@h[1-50]", "--fanout", "50"};
+    request.openFileLimit = 0;
+    const ProcessResult fits = RunMorvel(request);
+    EXPECT_EQ(fits.exitStatus, 0) << fits.err;
+    EXPECT_NE(fits.out.find("probe query: 50 SMMs, 50 succeeded, 0 failed\n"), std::string::npos);
+}
+
 TEST_F(MorvelProcess, MalformedBmc) {
     struct Case {
         const char* bmc;

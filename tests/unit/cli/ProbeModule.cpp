@@ -77,6 +77,11 @@ public:
             out << "cmdline=" << CommandLineOfThisProcess() << "\n";
         }
         if (!Option(context, "throw").empty()) throw std::runtime_error(Option(context, "throw"));
+        // In a run over many targets, one host can be made to fail alone.
+        const std::string target = Option(context, "bmc");
+        if (!Option(context, "fail-host").empty() && target.substr(target.rfind('@') + 1) == Option(context, "fail-host")) {
+            return Answer(context, "fail");
+        }
         return Answer(context, "run");
     }
 

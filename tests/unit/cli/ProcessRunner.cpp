@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -67,6 +68,10 @@ ProcessResult RunMorvel(const ProcessRequest& request) {
             case ProcessRequest::Output::Full:
                 if (::dup2(::open("/dev/full", O_WRONLY | O_CLOEXEC), 1) != 1) ::_exit(126);
                 break;
+        }
+        if (request.openFileLimit != 0) {
+            const rlimit limit{request.openFileLimit, request.openFileLimit};
+            if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) ::_exit(126);
         }
         ::execve(argvPointers[0], argvPointers.data(), envpPointers.data());
         ::_exit(127);

@@ -14,6 +14,7 @@ struct ProcessRequest {
     std::string typeAfterPrompt;         // typed on that terminal once "Password: " shows
     enum class Output { Pipe, Closed, Full };
     Output standardOutput = Output::Pipe;  // Full: /dev/full, where every write fails
+    unsigned openFileLimit = 0;            // soft and hard RLIMIT_NOFILE of the child; 0 leaves it
 };
 
 struct ProcessResult {
