@@ -49,8 +49,15 @@ LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettem
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
 # Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
 MORVEL_WRAPPER = shlex.split(os.environ.get("MORVEL_WRAPPER", ""))
+# Stretches the time bounds of the tests, for runs under valgrind (scripts/valgrind sets 10).
+TIME_SCALE = float(os.environ.get("MORVEL_E2E_TIME_SCALE") or "1")
 # Set by an AddressSanitizer build: its shadow memory and quarantine multiply a process's RSS.
 SANITIZED = os.environ.get("MORVEL_SANITIZED") == "1"
+
+
+def scaled(seconds):
+    """A time bound in seconds, stretched by MORVEL_E2E_TIME_SCALE."""
+    return seconds * TIME_SCALE
 
 
 def peak_rss_bound_kib(plain_mib, instrumented_mib):
@@ -604,4 +611,4 @@ def parse_probe_line(line):
 __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
            "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
-           "SANITIZED", "peak_rss_bound_kib"]
+           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE"]

@@ -26,9 +26,7 @@ import threading
 import time
 import unittest
 
-from smmsim import E2ETestCase, peak_rss_bound_kib, run_command
-
-TIME_SCALE = float(os.environ.get("MORVEL_E2E_TIME_SCALE") or "1")
+from smmsim import E2ETestCase, peak_rss_bound_kib, run_command, scaled
 
 # ipmi_sim grants the administrator privilege to FreeIPMI only with this workaround.
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
@@ -76,10 +74,6 @@ IPMI_QUERY_OK = ipmi_query() + "0 Succeed.\n"
 def vendor_body(lan="true", ipmi="false", ipv4=b'"192.0.2.7"'):
     return (b'{"Id":"2","Oem":{"Qarvon":{"LANEnabled":' + lan.encode() + b',"IPMIEnabled":' + ipmi.encode() +
             b',"IPv4":' + ipv4 + b'}}}')
-
-
-def scaled(seconds):
-    return seconds * TIME_SCALE
 
 
 def errors(log, source="src/host/IpmiClient"):

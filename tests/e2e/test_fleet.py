@@ -19,7 +19,7 @@ import unittest
 
 import jsonschema
 
-from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase
+from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase, scaled
 
 PASSWORD = "Fl33t:pw@1"
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
@@ -278,21 +278,21 @@ class Interrupt(FleetCase):
         process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         # Every SMM got its change and is being polled.
-        deadline = time.monotonic() + 60
+        deadline = time.monotonic() + scaled(60)
         while not all(("f1", "01") in s.ipmi_requests() for s in sims):
             self.assertLess(time.monotonic(), deadline, "not every SMM got its change")
             self.assertIsNone(process.poll())
             time.sleep(0.1)
         sent = time.monotonic()
         process.send_signal(sig)
-        stdout, stderr = process.communicate(timeout=60)
+        stdout, stderr = process.communicate(timeout=scaled(60))
         return sims, process.returncode, stdout.decode(), stderr.decode(), time.monotonic() - sent
 
     def test_sigint_during_the_polling_of_ten_smms(self):
         sims, status, stdout, stderr, took = self.start_polling_enable(10, signal.SIGINT)
         self.assertEqual(status, 130, stderr)
         # Polls and their sleeps wake at once; a session start under way may finish first.
-        self.assertLess(took, 5)
+        self.assertLess(took, scaled(5))
         labels = [s.address for s in sims]
         line = "interrupted after a change was sent; the SMM's state is unconfirmed"
         self.assertEqual(blocks(stderr), {label: [line] for label in labels})

@@ -17,9 +17,7 @@ import termios
 import time
 import unittest
 
-from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, E2ETestCase
-
-TIME_SCALE = float(os.environ.get("MORVEL_E2E_TIME_SCALE") or "1")
+from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, TIME_SCALE, E2ETestCase
 
 USER = "admin"
 # ':' and '@' inside: --bmc takes the user up to the first ':' and the host after the last '@'.
