@@ -13,7 +13,6 @@
 
 namespace {
 
-using Plexum::ConsoleLine;
 using Plexum::RunContext;
 using Plexum::RunInterrupted;
 using Plexum::ScopedRunContext;
@@ -80,13 +79,13 @@ TEST(RunContext, AnInstalledOneKeepsTheLinesAndLabelsTheRecords) {
 TEST(RunContext, EachThreadHasItsOwn) {
     RunContext first("a", nullptr);
     RunContext second("b", nullptr);
-    const auto write = [](RunContext& run, const char* text) {
+    const auto write = [](RunContext& run, const char* text, int32_t seconds) {
         ScopedRunContext installed(run);
         for (int i = 0; i < 200; ++i) ConsoleReport(3, "src/x", i).Stream() << text << i;
-        run.StartupWaitSeconds() = text[0];
+        RunContext::Current().StartupWaitSeconds() = seconds;
     };
-    std::thread one(write, std::ref(first), "a");
-    std::thread two(write, std::ref(second), "b");
+    std::thread one(write, std::ref(first), "a", 11);
+    std::thread two(write, std::ref(second), "b", 22);
     one.join();
     two.join();
     ASSERT_EQ(first.ConsoleLines().size(), 200u);
@@ -95,8 +94,8 @@ TEST(RunContext, EachThreadHasItsOwn) {
         EXPECT_EQ(first.ConsoleLines()[i].text, "a" + std::to_string(i));
         EXPECT_EQ(second.ConsoleLines()[i].text, "b" + std::to_string(i));
     }
-    EXPECT_EQ(first.StartupWaitSeconds(), 'a');
-    EXPECT_EQ(second.StartupWaitSeconds(), 'b');
+    EXPECT_EQ(first.StartupWaitSeconds(), 11);
+    EXPECT_EQ(second.StartupWaitSeconds(), 22);
 }
 
 TEST(RunContext, AStopEndsASleepAtOnce) {
