@@ -22,8 +22,9 @@ import jsonschema
 from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase, scaled
 
 PASSWORD = "Fl33t:pw@1"
+# Twenty SMMs at once under valgrind answer slowly: the session time-out grows with the time scale.
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
-          "IPMI_SESSION_TIMEOUT_MS": "2000"}
+          "IPMI_SESSION_TIMEOUT_MS": str(int(scaled(2) * 1000))}
 SCHEMA_PATH = os.path.join(SOURCE_DIR, "doc", "smmlan-records.schema.json")
 with open(SCHEMA_PATH, encoding="utf-8") as schema_file:
     VALIDATOR = jsonschema.Draft202012Validator(json.load(schema_file))
