@@ -3,6 +3,8 @@
 #include <cstring>
 
 #include "cli/ArgvScrub.h"
+#include "cli/HelpText.h"
+#include "host/Text.h"
 
 namespace MorvelCli {
 namespace {
@@ -74,6 +76,9 @@ bool SetHostOption(const std::string& name, const std::string& value, CommandLin
 
 constexpr unsigned kMaxFanout = 1024;
 
+// Options after the subcommand that take no value.
+bool IsFlag(const std::string& name) { return name == "always-prefix" || name == "yes"; }
+
 // The options this host reads itself after the subcommand.
 bool SetRunOption(const std::string& name, const std::string& value, CommandLine& line, CommandLineError& error) {
     if (name == "bmc" || name == "bmc-file") {
@@ -108,14 +113,7 @@ std::string CommandLine::PasswordFile() const {
     return found == options.end() ? std::string() : found->second;
 }
 
-std::string Printable(const std::string& text) {
-    std::string shown = text;
-    for (char& c : shown) {
-        const unsigned char u = static_cast<unsigned char>(c);
-        if (u < 0x20 || u == 0x7f) c = '?';
-    }
-    return shown;
-}
+std::string Printable(const std::string& text) { return Plexum::Printable(text); }
 
 std::string ShownWord(const std::string& word) {
     std::string shown = word;
@@ -175,6 +173,11 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
     }
     line.subCommand = words[index];
     ++index;
+    // A command that works on one host names it after the subcommand.
+    if (CommandTakesOperand(line.command) && index < words.size() && !StartsWithDashes(words[index])) {
+        line.options.emplace("target", words[index]);
+        ++index;
+    }
 
     while (index < words.size()) {
         if (!StartsWithDashes(words[index]) || words[index] == "--") {
@@ -183,11 +186,16 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
                         "unexpected argument " + std::to_string(index) +
                             " after the subcommand; options are written --name VALUE or --name=VALUE");
         }
-        if (words[index].compare(0, 15, "--always-prefix") == 0 &&
-            (words[index].size() == 15 || words[index][15] == '=')) {
-            if (words[index].size() > 15) return Fail(error, kExitInvalidParameter, "option --always-prefix takes no value");
-            if (line.alwaysPrefix) return Fail(error, kExitInvalidParameter, "option --always-prefix given more than once");
-            line.alwaysPrefix = true;
+        const std::string flag = words[index].substr(2, words[index].find('=') - 2);
+        if (IsFlag(flag)) {
+            if (words[index].size() > flag.size() + 2) {
+                return Fail(error, kExitInvalidParameter, "option --" + flag + " takes no value");
+            }
+            // A flag is in the options map with an empty value.
+            if (!line.options.emplace(flag, std::string()).second) {
+                return Fail(error, kExitInvalidParameter, "option --" + flag + " given more than once");
+            }
+            line.alwaysPrefix = line.alwaysPrefix || flag == "always-prefix";
             ++index;
             continue;
         }

@@ -63,10 +63,13 @@ constexpr int kExitInvalidParameter = 5;
 constexpr int kExitInternalError = 17;
 
 // `words` is argv as given, program name first. Grammar:
-//   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE | --always-prefix]...
+//   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [OPERAND] [--name VALUE | --name=VALUE | --flag]...
 // A separate VALUE may not begin with "--" (write --name=VALUE for that); an
-// option may be given once, but for --bmc and --bmc-file. --fanout (1..1024)
-// and --output (text, json) are checked here. Error texts never quote a value.
+// option may be given once, but for --bmc and --bmc-file. The flags
+// (--always-prefix, --yes) take no value and go into the options map with an
+// empty one. A command that works on one host (trust) takes it as OPERAND,
+// which goes into the options map as "target". --fanout (1..1024) and
+// --output (text, json) are checked here. Error texts never quote a value.
 bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error);
 
 // The text with bytes that would garble a terminal line replaced by '?'.

@@ -22,27 +22,13 @@
 #include "cli/FleetRunner.h"
 #include "cli/Host.h"
 #include "cli/HostLog.h"
+#include "host/Files.h"
 #include "host/IpmiClient.h"
 #include "host/Log.h"
 #include "host/RunContext.h"
 
 namespace MorvelCli {
 namespace {
-
-// A descriptor owned by exactly one object.
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 // SIGINT and SIGTERM as readable events instead of handlers. Blocked for the
 // calling thread before any worker starts, so every worker inherits the block
@@ -72,7 +58,7 @@ private:
         pthread_sigmask(SIG_BLOCK, &set, nullptr);
         return ::signalfd(-1, &set, SFD_CLOEXEC);
     }
-    Descriptor m_fd;
+    Plexum::UniqueFd m_fd;
 };
 
 // Ends the process the way the signal would have, at once.
@@ -167,10 +153,10 @@ std::unique_ptr<FleetReport> MakeReport(const CommandLine& line, const std::vect
 }  // namespace
 
 int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-             const CommandLine& line) {
+             const CommandLine& line, const RunSettings& settings) {
     const auto start = std::chrono::steady_clock::now();
     InterruptWatch interrupts;
-    Descriptor allDone(::eventfd(0, EFD_CLOEXEC));
+    Plexum::UniqueFd allDone(::eventfd(0, EFD_CLOEXEC));
     if (interrupts.Fd() < 0 || allDone.Get() < 0) {
         std::cerr << "morvel: cannot watch for interrupts" << std::endl;
         return kExitInternalError;
@@ -191,7 +177,7 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
     std::mutex output;
     int singleStatus = 0;
     Plexum::StopSignal stop;
-    FleetRunner runner(loader, base, targets, line.fanout, stop);
+    FleetRunner runner(loader, base, targets, settings, line.fanout, stop);
     runner.Start(
         [&](TargetOutcome&& outcome) {
             std::lock_guard<std::mutex> lock(output);

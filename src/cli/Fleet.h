@@ -4,6 +4,7 @@
 
 #include "cli/CommandLine.h"
 #include "cli/ModuleLoader.h"
+#include "cli/RunSettings.h"
 #include "cli/TargetList.h"
 #include "host/UserContext.h"
 
@@ -16,6 +17,6 @@ namespace MorvelCli {
 // status: one target's own status; for more, 0 when all succeeded, else 1;
 // 128 + the signal's number after a stop.
 int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-             const CommandLine& line);
+             const CommandLine& line, const RunSettings& settings);
 
 }  // namespace MorvelCli

@@ -18,8 +18,8 @@ int64_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
 }  // namespace
 
 FleetRunner::FleetRunner(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-                         unsigned fanout, Plexum::StopSignal& stop)
-    : m_loader(loader), m_base(base), m_targets(targets), m_fanout(fanout), m_stop(stop) {}
+                         const RunSettings& settings, unsigned fanout, Plexum::StopSignal& stop)
+    : m_loader(loader), m_base(base), m_targets(targets), m_settings(settings), m_fanout(fanout), m_stop(stop) {}
 
 FleetRunner::~FleetRunner() { Join(); }
 
@@ -77,15 +77,21 @@ void FleetRunner::Work() {
 }
 
 TargetOutcome FleetRunner::RunTarget(size_t index) {
-    const Target& target = m_targets[index];
+    Target target = m_targets[index];
     const auto start = std::chrono::steady_clock::now();
     TargetOutcome outcome;
     outcome.index = index;
     Plexum::RunContext run(target.label, &m_stop);
+    m_settings.ApplyTo(run, target);
     {
         Plexum::ScopedRunContext installed(run);
-        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTarget) << "target " << Printable(target.bmc.host) << " port " << target.bmc.port
-                                         << " user " << Printable(target.bmc.user);
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTarget)
+            << "target " << Printable(target.bmc.host) << " port " << target.bmc.port << " user "
+            << Printable(target.bmc.user);
+        if (!target.bmc.hasPassword && !FetchPassword(target, outcome)) {
+            outcome.elapsedMs = MillisecondsSince(start);
+            return outcome;
+        }
         UserContext context = m_base;
         context.options["bmc"] = target.BmcText();
         try {
@@ -98,7 +104,8 @@ TargetOutcome FleetRunner::RunTarget(size_t index) {
             PLEXUM_LOG(3, HostLog::kSource, HostLog::kResult) << "result: " << outcome.result;
         } catch (const Plexum::RunInterrupted&) {
             outcome.interrupted = true;
-            PLEXUM_LOG(2, HostLog::kSource, HostLog::kInterrupted) << "interrupted" << (run.ChangeSent() ? " after a change was sent" : "");
+            PLEXUM_LOG(2, HostLog::kSource, HostLog::kInterrupted)
+                << "interrupted" << (run.ChangeSent() ? " after a change was sent" : "");
         }
         // The context holds the target's password inside its options: gone with it.
     }
@@ -108,6 +115,20 @@ TargetOutcome FleetRunner::RunTarget(size_t index) {
     outcome.console = run.ConsoleLines();
     outcome.elapsedMs = MillisecondsSince(start);
     return outcome;
+}
+
+bool FleetRunner::FetchPassword(Target& target, TargetOutcome& outcome) const {
+    const Plexum::PasswordCommand::Answer answer =
+        m_settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
+    if (!answer.password) {
+        outcome.result = MorvelResult(kExitInvalidParameter);
+        outcome.failure = answer.error;
+        PLEXUM_LOG(1, HostLog::kSource, HostLog::kModuleFailure) << answer.error;
+        return false;
+    }
+    target.bmc.password = *answer.password;
+    target.bmc.hasPassword = true;
+    return true;
 }
 
 }  // namespace MorvelCli

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "cli/ModuleLoader.h"
+#include "cli/RunSettings.h"
 #include "cli/TargetList.h"
 #include "host/MorvelResult.h"
 #include "host/RunContext.h"
@@ -40,7 +41,7 @@ public:
     using Finished = std::function<void(TargetOutcome&&)>;
 
     FleetRunner(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-                unsigned fanout, Plexum::StopSignal& stop);
+                const RunSettings& settings, unsigned fanout, Plexum::StopSignal& stop);
     ~FleetRunner();
     FleetRunner(const FleetRunner&) = delete;
     FleetRunner& operator=(const FleetRunner&) = delete;
@@ -65,10 +66,14 @@ public:
 private:
     void Work();
     TargetOutcome RunTarget(size_t index);
+    // The password command's answer for a target without a password; false,
+    // with the failure in `outcome`, when it gives none.
+    bool FetchPassword(Target& target, TargetOutcome& outcome) const;
 
     const ModuleLoader& m_loader;
     const UserContext& m_base;
     const std::vector<Target>& m_targets;
+    const RunSettings& m_settings;
     unsigned m_fanout;
     Plexum::StopSignal& m_stop;
     Finished m_finished;

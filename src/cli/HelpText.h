@@ -18,6 +18,9 @@ std::string HostHelpText();
 // the host has no usage text for.
 bool CommandHelpText(const std::string& command, std::string& text);
 
+// Whether the command takes one operand after its subcommand (trust: HOST[:PORT]).
+bool CommandTakesOperand(const std::string& command);
+
 // The subcommands of a command this host has usage text for, in the order the
 // usage lists them; empty for any other command (its module answers for itself).
 const std::vector<std::string>& KnownSubcommands(const std::string& command);

@@ -21,10 +21,12 @@
 #include "cli/ModuleLoader.h"
 #include "cli/ModuleRun.h"
 #include "cli/PasswordSource.h"
+#include "cli/RunSettings.h"
 #include "cli/TargetList.h"
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
 #include "host/MorvelResult.h"
+#include "host/RunContext.h"
 #include "host/UserContext.h"
 
 namespace MorvelCli {
@@ -99,12 +101,26 @@ bool ReadTargets(const CommandLine& line, TargetList& list, int& exitStatus) {
     return true;
 }
 
-// Targets whose --bmc names no password share one from the other sources:
-// MORVEL_BMC_PASSWORD, else --password-file, else one prompt for the run.
-bool ResolvePasswords(const CommandLine& line, std::vector<Target>& targets, int& exitStatus) {
-    const char* origin = "--bmc";
+// Passwords for the targets whose --bmc names none: the credentials file's,
+// else the password command's (run per target just before it: ResolveLater),
+// else one for them all from MORVEL_BMC_PASSWORD, else --password-file, else
+// one prompt for the run.
+bool ResolvePasswords(const CommandLine& line, const RunSettings& settings, std::vector<Target>& targets,
+                      int& exitStatus) {
+    std::string origin = "--bmc";
+    for (Target& target : targets) {
+        if (target.bmc.hasPassword || !settings.credentials) continue;
+        const std::string host = target.bmc.ipv6 ? "[" + target.bmc.host + "]" : target.bmc.host;
+        if (auto password = settings.credentials->PasswordFor(host, target.bmc.user)) {
+            target.bmc.password = std::move(*password);
+            target.bmc.hasPassword = true;
+            origin = "the credentials file";
+        }
+    }
     const bool needed = std::any_of(targets.begin(), targets.end(), [](const Target& t) { return !t.bmc.hasPassword; });
-    if (needed) {
+    if (needed && settings.passwordCommand) {
+        origin = "the password command";
+    } else if (needed) {
         PasswordSource::Inputs inputs;
         inputs.environment = std::getenv("MORVEL_BMC_PASSWORD");
         inputs.passwordFile = line.PasswordFile();
@@ -127,11 +143,12 @@ bool ResolvePasswords(const CommandLine& line, std::vector<Target>& targets, int
     }
     if (targets.size() == 1) {
         const Plexum::BmcTarget& target = targets.front().bmc;
-        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTarget) << "target " << Printable(target.host) << " port " << target.port
-                                         << " user " << Printable(target.user) << ", password from " << origin;
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTarget)
+            << "target " << Printable(target.host) << " port " << target.port << " user " << Printable(target.user)
+            << ", password from " << origin;
     } else {
-        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTargets) << targets.size() << " targets"
-                                         << (needed ? std::string(", passwords not in --bmc from ") + origin : "");
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTargets)
+            << targets.size() << " targets" << (needed ? ", passwords not in --bmc from " + origin : std::string());
     }
     return true;
 }
@@ -141,13 +158,13 @@ bool ResolvePasswords(const CommandLine& line, std::vector<Target>& targets, int
 // anywhere, instead of asking for one. Otherwise the module answers it as
 // always, and `caseNote` (empty unless only the letter case is wrong) goes
 // just before the result line.
-bool CheckSubcommand(const CommandLine& line, const std::vector<Target>& targets, bool fleet, std::string& caseNote,
-                     int& exitStatus) {
+bool CheckSubcommand(const CommandLine& line, const RunSettings& settings, const std::vector<Target>& targets,
+                     bool fleet, std::string& caseNote, int& exitStatus) {
     caseNote = UnknownSubcommandNote(line.command, line.subCommand, true);
     const std::string note = UnknownSubcommandNote(line.command, line.subCommand, false);
     if (note.empty()) return true;
     const bool passwordGiven = targets.front().bmc.hasPassword || Environment("MORVEL_BMC_PASSWORD") != nullptr ||
-                               !line.PasswordFile().empty();
+                               !line.PasswordFile().empty() || settings.credentials || settings.passwordCommand;
     if (!fleet && passwordGiven) return true;
     exitStatus = Fail(kExitInvalidCommand, note);
     std::cerr << MorvelResult(kExitInvalidCommand) << std::endl;
@@ -290,13 +307,25 @@ int RunCommandLine(int argc, char** argv) {
     TargetList list;
     if (!ReadTargets(line, list, exitStatus)) return exitStatus;
     std::vector<Target>& targets = list.Targets();
+    const RunSettingsRead read = ReadRunSettings(line, std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+    if (!read.settings) return Fail(kExitInvalidParameter, read.error);
+    const RunSettings& settings = *read.settings;
     const bool fleet = targets.size() >= 2 || line.output == OutputFormat::Json || line.alwaysPrefix;
     std::string caseNote;
-    if (!CheckSubcommand(line, targets, fleet, caseNote, exitStatus)) return exitStatus;
-    if (!ResolvePasswords(line, targets, exitStatus)) return exitStatus;
+    if (!CheckSubcommand(line, settings, targets, fleet, caseNote, exitStatus)) return exitStatus;
+    if (!ResolvePasswords(line, settings, targets, exitStatus)) return exitStatus;
     UserContext context = MakeContext(line, loader.Path(), argc, argv);
-    if (fleet) return RunFleet(loader, context, targets, line);
-    context.options["bmc"] = targets.front().BmcText();
+    if (fleet) return RunFleet(loader, context, targets, line, settings);
+    Target& target = targets.front();
+    if (!target.bmc.hasPassword) {
+        const Plexum::PasswordCommand::Answer answer =
+            settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
+        if (!answer.password) return Fail(kExitInvalidParameter, answer.error);
+        target.bmc.password = *answer.password;
+        target.bmc.hasPassword = true;
+    }
+    settings.ApplyTo(Plexum::RunContext::Current(), target);
+    context.options["bmc"] = target.BmcText();
     return RunModule(loader, context, caseNote);
 }
 

@@ -9,25 +9,13 @@
 #include <cerrno>
 #include <cstring>
 
+#include "host/Files.h"
+
 namespace MorvelCli {
 namespace {
 
 // A password is a line of text; anything longer is not a password file.
 constexpr size_t kMaxPasswordBytes = 4096;
-
-class FileDescriptor {
-public:
-    explicit FileDescriptor(int fd) : m_fd(fd) {}
-    ~FileDescriptor() {
-        if (m_fd >= 0) ::close(m_fd);
-    }
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    int Get() const { return m_fd; }
-
-private:
-    int m_fd;
-};
 
 // Reads up to the first '\n'. Returns 1 on a line end, 0 on end of input,
 // -1 on a read error (errno kept), -2 when the line is too long.
@@ -81,7 +69,7 @@ const char* PasswordSource::OriginName(Origin origin) {
 
 bool PasswordSource::ReadFile(const std::string& path, std::string& password, std::vector<std::string>& warnings,
                               std::string& error) {
-    FileDescriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    Plexum::UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (file.Get() < 0) {
         error = "cannot read password file " + path + ": " + std::strerror(errno);
         return false;
@@ -118,7 +106,7 @@ bool PasswordSource::ReadFile(const std::string& path, std::string& password, st
 bool PasswordSource::Prompt(const std::string& terminal, const std::string& prompt, std::string& password,
                             std::string& error, bool* noTerminal) {
     if (noTerminal != nullptr) *noTerminal = false;
-    FileDescriptor tty(::open(terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
+    Plexum::UniqueFd tty(::open(terminal.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC));
     termios saved{};
     if (tty.Get() < 0 || ::tcgetattr(tty.Get(), &saved) != 0) {
         if (noTerminal != nullptr) *noTerminal = true;

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "host/BmcTarget.h"
+#include "host/HostRange.h"
 
 namespace MorvelCli {
 
@@ -35,7 +36,7 @@ struct TargetError {
 // the written lower bound. Brackets that hold a ':' are an IPv6 literal.
 class TargetList {
 public:
-    static constexpr size_t kMaxTargets = 100000;
+    static constexpr size_t kMaxTargets = Plexum::kMaxExpandedHosts;
     // A target file's line is one target, not a document.
     static constexpr size_t kMaxLineBytes = 65536;
 
@@ -59,10 +60,5 @@ private:
     std::vector<Target> m_targets;
     std::vector<std::string> m_warnings;
 };
-
-// The host items of HOSTS (split at the commas outside brackets), each with its
-// ranges expanded, appended to `expanded`; an error (naming the item) for bad
-// ranges or when more than `room` hosts would result.
-std::optional<TargetError> ExpandHosts(const std::string& hosts, size_t room, std::vector<std::string>& expanded);
 
 }  // namespace MorvelCli

@@ -13,6 +13,7 @@
 #include <ctime>
 #include <mutex>
 
+#include "host/Files.h"
 #include "host/RunContext.h"
 
 namespace Plexum {
@@ -39,17 +40,6 @@ const char* LevelName(unsigned level) {
     }
 }
 
-bool MakeParents(const std::string& path, std::string& error) {
-    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
-        const std::string dir = path.substr(0, slash);
-        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-            error = "cannot create log directory " + dir + ": " + std::strerror(errno);
-            return false;
-        }
-    }
-    return true;
-}
-
 }  // namespace
 
 std::shared_ptr<FileLogSink> FileLogSink::Open(const std::string& path, std::string& error) {
@@ -57,7 +47,7 @@ std::shared_ptr<FileLogSink> FileLogSink::Open(const std::string& path, std::str
         error = "empty log file name";
         return nullptr;
     }
-    if (!MakeParents(path, error)) return nullptr;
+    if (!MakeParentDirectories(path, "log", error)) return nullptr;
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0) {
         error = "cannot open log file " + path + ": " + std::strerror(errno);

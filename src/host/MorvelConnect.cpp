@@ -3,13 +3,13 @@
 #include "common/result/ResultCodes.h"
 #include "host/BmcTarget.h"
 #include "host/Log.h"
+#include "host/RunPolicy.h"
 
 namespace {
 
 const char* const kSource = "src/host/MorvelConnect";
 
-// Both lists come from the one --bmc target: the REST record carries its
-// HTTPS port, and the IPMI user takes address and credentials only.
+// Both lists come from the one --bmc target (the IPMI user ignores its HTTPS port).
 MorvelResult BuildList(const UserContext& context, const char* purpose,
                        std::vector<Plexum::PlexumConnection::ConnectionInfo>& list) {
     list.clear();
@@ -34,10 +34,18 @@ MorvelResult BuildList(const UserContext& context, const char* purpose,
 
 MorvelResult GetRESTConnectionList(const UserContext& context,
                                    std::vector<Plexum::PlexumConnection::ConnectionInfo>& list) {
+    if (auto refused = RedfishRefusal()) {
+        list.clear();
+        return *refused;
+    }
     return BuildList(context, "REST", list);
 }
 
 MorvelResult FetchIPMIConnectionList(const UserContext& context,
                                      std::vector<Plexum::PlexumConnection::ConnectionInfo>& list) {
+    if (auto refused = IpmiRefusal()) {
+        list.clear();
+        return *refused;
+    }
     return BuildList(context, "IPMI", list);
 }

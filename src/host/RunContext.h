@@ -30,6 +30,28 @@ private:
 struct RunInterrupted {};
 
 enum class Protocol { None, Redfish, Ipmi };
+
+// Which protocols a run may use: Redfish first then IPMI, or one of them only.
+enum class ProtocolChoice { Auto, Redfish, Ipmi };
+
+// How the SMM's Redfish certificate is trusted: not checked, verified against
+// CAs, or its key pinned in the known-SMMs file (tofu records it on first contact).
+enum class TlsVerify { None, Ca, Pin, Tofu };
+
+struct TrustSettings {
+    TlsVerify verify = TlsVerify::None;
+    std::string caFile;     // ca: the CA certificates, else the system's store
+    std::string knownSmms;  // pin, tofu: the known-SMMs file
+    std::string key;        // pin, tofu: the target's key there (KnownSmms::Key)
+};
+
+// The last answer of the SMM's Redfish service in a run, for saying why it did not serve.
+struct RedfishOutcome {
+    bool tried = false;
+    int32_t curlCode = 0;
+    int32_t httpCode = 0;
+    std::string error;  // libcurl's text when the transfer failed
+};
 enum class NetworkState { Unread, Enabled, Disabled, Unknown };
 
 // What a run last read from its SMM, or the state a confirmed change set.
@@ -75,6 +97,18 @@ public:
     // Seconds of the Redfish start-up wait once read; 0 while not read yet.
     int32_t& StartupWaitSeconds() { return m_startupWaitSeconds; }
 
+    // What the host chose for this run (--protocol, --tls-verify and friends).
+    void ChooseProtocols(ProtocolChoice protocols) { m_protocols = protocols; }
+    ProtocolChoice Protocols() const { return m_protocols; }
+    void SetTrust(TrustSettings trust) { m_trust = std::move(trust); }
+    const TrustSettings& Trust() const { return m_trust; }
+    // Set when the SMM's certificate failed the trust settings: why, in one
+    // line. Such a run must not go on over IPMI.
+    void NoteTrustFailure(const std::string& reason) { m_trustFailure = reason; }
+    const std::string& TrustFailure() const { return m_trustFailure; }
+    void NoteRedfishOutcome(RedfishOutcome outcome) { m_redfish = std::move(outcome); }
+    const RedfishOutcome& LastRedfishOutcome() const { return m_redfish; }
+
     // What the managers learn as they go.
     void NoteProtocol(Protocol protocol) { m_protocol = protocol; }
     // The status byte of the SMM's LAN status read: 1 network on, 2 off, 4 network and IPMI over LAN on.
@@ -94,6 +128,10 @@ private:
     StopSignal* m_stop = nullptr;
     std::vector<ConsoleLine> m_console;
     int32_t m_startupWaitSeconds = 0;
+    ProtocolChoice m_protocols = ProtocolChoice::Auto;
+    TrustSettings m_trust;
+    std::string m_trustFailure;
+    RedfishOutcome m_redfish;
     Protocol m_protocol = Protocol::None;
     ObservedState m_state;
     bool m_changeSent = false;

@@ -205,8 +205,9 @@ def run_command(argv, env=None, stdin=None, timeout=300, cwd=None):
     """
     start = time.monotonic()
     data = stdin.encode("utf-8", "surrogateescape") if isinstance(stdin, str) else stdin
+    # A session of its own: no controlling terminal, so nothing can ask on the developer's.
     completed = subprocess.run(argv, env=env, input=data, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                               timeout=timeout, cwd=cwd)
+                               timeout=timeout, cwd=cwd, start_new_session=True)
     return CommandResult(list(argv), completed.returncode, completed.stdout.decode("utf-8", "surrogateescape"),
                          completed.stderr.decode("utf-8", "surrogateescape"), time.monotonic() - start)
 
@@ -331,6 +332,12 @@ class Sim:
 
     def hold(self, lease):
         self._leases.append(lease)
+
+    def use_certificate(self, cert, key):
+        """Serves HTTPS with this certificate and key from the next start (the launcher keeps what it finds)."""
+        shutil.copyfile(cert, os.path.join(self.dir, "cert.pem"))
+        shutil.copyfile(key, os.path.join(self.dir, "key.pem"))
+        os.chmod(os.path.join(self.dir, "key.pem"), 0o600)
 
     # --- knobs as the tests see them
     @property
@@ -479,10 +486,15 @@ class E2ETestCase(unittest.TestCase):
         os.makedirs(path)
         return path
 
-    def start_sim(self, scenario=None, address=None, netns=None, **knobs):
-        """Starts a simulated SMM with knobs (KEY=value); stopped at the end of the test."""
+    def start_sim(self, scenario=None, address=None, netns=None, certificate=None, **knobs):
+        """Starts a simulated SMM with knobs (KEY=value); stopped at the end of the test.
+
+        certificate: (cert, key) files its HTTPS face serves instead of a made one.
+        """
         sim = Sim(self._new_dir("sim"), knobs, address=address, scenario=scenario, netns=netns)
         self.addCleanup(sim.close)
+        if certificate:
+            sim.use_certificate(*certificate)
         sim.start()
         return sim
 

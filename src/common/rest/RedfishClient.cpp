@@ -116,7 +116,11 @@ Response RedfishClient::Request(RequestType type, const std::string& url, const 
 
 Response RedfishClient::Get(const std::string& url) {
     PLEXUM_LOG(4, kLogSource, kGetLogLine) << "Redfish GET action on URL: " << url;
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Get(url); });
+    Response response = RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Get(url); });
+    // What the service last answered, for saying why it did not serve (--protocol redfish).
+    Plexum::RunContext::Current().NoteRedfishOutcome(
+        Plexum::RedfishOutcome{true, response.curlCode, response.httpCode, response.curlCode != 0 ? response.body : ""});
+    return response;
 }
 
 Response RedfishClient::PostMime(const std::string& url, const MimeParts& parts, ProgressCallback progress) {

@@ -7,6 +7,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "common/rest/RunTrust.h"
 #include "host/GlobalConfig.h"
 
 namespace Rest {
@@ -135,18 +136,12 @@ size_t ConfiguredMaxBodyBytes() {
 
 }  // namespace
 
-namespace {
-
-// libcurl's global set-up, once per process and before any handle: left to
-// curl_easy_init it would run on whichever thread comes first, unguarded.
-CURL* NewHandle() {
+CURL* NewCurlHandle() {
     static const CURLcode initialised = curl_global_init(CURL_GLOBAL_DEFAULT);
     return initialised == CURLE_OK ? curl_easy_init() : nullptr;
 }
 
-}  // namespace
-
-RestClient::RestClient() : m_handle(NewHandle()) {
+RestClient::RestClient() : m_handle(NewCurlHandle()) {
     if (m_handle == nullptr) throw std::runtime_error("Couldn't initialize curl handle");
     m_maxBodyBytes = ConfiguredMaxBodyBytes();
 }
@@ -398,6 +393,10 @@ Response RestClient::Perform(const std::string& url) {
     std::memset(errorBuffer, 0, sizeof errorBuffer);
     curl_easy_setopt(m_handle, CURLOPT_ERRORBUFFER, errorBuffer);
 
+    // The run's trust settings (--tls-verify) go over the TLS settings above; by default there are none.
+    const RunTrust trust(url);
+    if (!trust.Apply(m_handle)) return trust.Refusal();
+
     const CURLcode result = curl_easy_perform(m_handle);
     response.curlCode = static_cast<int32_t>(result);
     if (result == CURLE_OK) {
@@ -412,6 +411,7 @@ Response RestClient::Perform(const std::string& url) {
     } else {
         response.httpCode = -1;
         response.body.assign(errorBuffer, strnlen(errorBuffer, sizeof errorBuffer));
+        trust.Review(response);
     }
     return response;
 }

@@ -12,6 +12,11 @@
 
 namespace Rest {
 
+// A new libcurl easy handle, or null. libcurl's global set-up runs once per
+// process, guarded, before the first handle: left to curl_easy_init it would
+// run on whichever thread comes first.
+CURL* NewCurlHandle();
+
 // libcurl's header callback: stores one header line in the Response that
 // `userdata` points to. Declared here so that it can be fed lines without a transfer.
 size_t CollectHeader(char* data, size_t size, size_t count, void* userdata);

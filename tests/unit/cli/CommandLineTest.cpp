@@ -85,6 +85,18 @@ TEST(CommandLine, TargetsMayRepeatAndKeepTheirOrder) {
     EXPECT_EQ(line.options, (Options{{"bmc", "a:b@h1"}, {"bmc-file", "racks.txt"}}));
 }
 
+TEST(CommandLine, TrustTakesTheHostAsAnOperand) {
+    const CommandLine line = Parse({"trust", "add", "[fd00::5]:8443", "--yes", "--known-smms", "/k"});
+    EXPECT_EQ(line.subCommand, "add");
+    EXPECT_EQ(line.options, (Options{{"known-smms", "/k"}, {"target", "[fd00::5]:8443"}, {"yes", ""}}));
+    EXPECT_EQ(Parse({"trust", "show"}).options, Options{});
+    // Other commands take no operand: a stray word may be a piece of a password.
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "h"}).message,
+              "unexpected argument 3 after the subcommand; options are written --name VALUE or --name=VALUE");
+    EXPECT_EQ(ErrorOf({"trust", "show", "a", "b"}).message,
+              "unexpected argument 4 after the subcommand; options are written --name VALUE or --name=VALUE");
+}
+
 TEST(CommandLine, RunOptions) {
     const CommandLine defaults = Parse({"smmlan", "query", "--bmc", "a:b@h"});
     EXPECT_EQ(defaults.fanout, 64u);
@@ -95,7 +107,8 @@ TEST(CommandLine, RunOptions) {
     EXPECT_EQ(line.fanout, 1024u);
     EXPECT_EQ(line.output, MorvelCli::OutputFormat::Json);
     EXPECT_TRUE(line.alwaysPrefix);
-    EXPECT_EQ(line.options, (Options{{"bmc", "a:b@h"}, {"fanout", "1024"}, {"output", "json"}}));
+    // Flags are in the options map with an empty value.
+    EXPECT_EQ(line.options, (Options{{"always-prefix", ""}, {"bmc", "a:b@h"}, {"fanout", "1024"}, {"output", "json"}}));
     EXPECT_EQ(Parse({"smmlan", "query", "--fanout=1"}).fanout, 1u);
     for (const char* bad : {"0", "1025", "", "-1", "+5", "64k", "99999", " 8"}) {
         const CommandLineError error = ErrorOf({"smmlan", "query", std::string("--fanout=") + bad});
@@ -105,6 +118,7 @@ TEST(CommandLine, RunOptions) {
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--output", "yaml"}).message, "--output must be text or json");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--output=JSON"}).message, "--output must be text or json");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--always-prefix=yes"}).message, "option --always-prefix takes no value");
+    EXPECT_EQ(ErrorOf({"trust", "add", "h", "--yes=1"}).message, "option --yes takes no value");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--bmc-file="}).message, "option --bmc-file needs a file name");
 }
 

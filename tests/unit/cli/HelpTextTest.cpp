@@ -13,6 +13,7 @@ TEST(HelpText, Host) {
               "Commands:\n"
               "  smmlan    switch an enclosure's SMM network on or off, enable its IPMI over LAN,\n"
               "            or show its network state and IPv4 address\n"
+              "  trust     show, record or forget the pin of an SMM's Redfish key\n"
               "\n"
               "Host options (before the command):\n"
               "  --config FILE         KEY=VALUE configuration (default: $MORVEL_CONFIG; none when unset)\n"
@@ -25,8 +26,9 @@ TEST(HelpText, Host) {
               "  -h, --help            show this help and exit\n"
               "  --version             show the version and exit\n"
               "\n"
-              "When --bmc names no password (USER@HOST), it is taken from MORVEL_BMC_PASSWORD,\n"
-              "else from --password-file, else asked for on the terminal.\n"
+              "When --bmc names no password (USER@HOST), it is taken from --credentials-file,\n"
+              "else from --password-command, else from MORVEL_BMC_PASSWORD, else from\n"
+              "--password-file, else asked for on the terminal.\n"
               "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/lib/morvel.\n"
               "\n"
               "Run 'morvel COMMAND --help' for the usage of a command.\n");
@@ -38,6 +40,8 @@ TEST(HelpText, Smmlan) {
     EXPECT_EQ(text,
               "Usage: morvel [HOST OPTIONS] smmlan SUBCOMMAND --bmc USER[:PASSWORD]@HOST[:PORT]\n"
               "                                    [--method static|dhcp|dhcp-failover]\n"
+              "       morvel [HOST OPTIONS] smmlan SUBCOMMAND --bmc USER[:PASSWORD]@HOSTS [--bmc ...]\n"
+              "                                    [--bmc-file FILE] [--fanout N] [--output text|json]\n"
               "\n"
               "Subcommands (case-sensitive):\n"
               "  enable      switch the SMM network on\n"
@@ -50,12 +54,55 @@ TEST(HelpText, Smmlan) {
               "        the SMM and its credentials (required). The user ends at the first ':',\n"
               "        the host starts after the last '@'. Write an IPv6 address in brackets:\n"
               "        [2001:db8::10] or [2001:db8::10]:8443. PORT is the Redfish HTTPS port\n"
-              "        (default 443); IPMI always uses UDP port 623.\n"
+              "        (default 443); IPMI always uses UDP port 623. HOSTS may be a comma-separated\n"
+              "        list with ranges: smm[01-40], 10.1.2.[10-19,25]. May be given more than once.\n"
+              "  --bmc-file FILE\n"
+              "        more targets, one --bmc value per line ('-': standard input)\n"
               "  --method static|dhcp|dhcp-failover\n"
               "        how the SMM obtains its address when enable goes over IPMI\n"
               "        (default: leave it unchanged)\n"
+              "  --fanout N\n"
+              "        at most N SMMs at once (1..1024, default 64)\n"
+              "  --output text|json\n"
+              "        json: one JSON record per SMM and a summary, as JSON Lines\n"
+              "  --always-prefix\n"
+              "        label every line with its SMM, even for one\n"
+              "  --protocol auto|redfish|ipmi\n"
+              "        Redfish first, then IPMI (default); or only the one named\n"
+              "  --tls-verify none|ca|pin|tofu\n"
+              "        how the SMM's certificate is trusted (default none); see --cacert, --known-smms\n"
+              "  --cacert FILE\n"
+              "        the CA certificates for --tls-verify ca (default: the system's)\n"
+              "  --known-smms FILE\n"
+              "        the pins for --tls-verify pin and tofu (see morvel trust --help)\n"
+              "  --credentials-file FILE\n"
+              "        'HOST-PATTERN USER PASSWORD' lines, for SMMs whose --bmc names no password\n"
+              "  --password-command CMD\n"
+              "        run per SMM (no shell) to print its password, for SMMs whose --bmc names none\n"
               "  --password-file FILE\n"
               "        take the password from the first line of FILE when --bmc names none\n");
+}
+
+TEST(HelpText, Trust) {
+    std::string text;
+    ASSERT_TRUE(MorvelCli::CommandHelpText("trust", text));
+    EXPECT_EQ(text,
+              "Usage: morvel [HOST OPTIONS] trust show|add|remove HOST[:PORT] [--known-smms FILE] [--yes]\n"
+              "\n"
+              "The pins of SMMs' Redfish keys, for smmlan --tls-verify pin or tofu.\n"
+              "\n"
+              "Subcommands:\n"
+              "  show    connect and print the SMM's pin, certificate subject, issuer and validity;\n"
+              "          nothing is sent and nothing is recorded\n"
+              "  add     record that pin (asks on the terminal first, unless --yes)\n"
+              "  remove  delete the SMM's line\n"
+              "\n"
+              "Options:\n"
+              "  --known-smms FILE  the known-SMMs file (default: REDFISH_KNOWN_SMMS, else\n"
+              "                     $XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"
+              "  --yes              record without asking\n");
+    EXPECT_TRUE(MorvelCli::CommandTakesOperand("trust"));
+    EXPECT_FALSE(MorvelCli::CommandTakesOperand("smmlan"));
 }
 
 TEST(HelpText, OnlyKnownCommands) {
@@ -68,6 +115,7 @@ TEST(HelpText, OnlyKnownCommands) {
 TEST(HelpText, KnownSubcommands) {
     EXPECT_EQ(MorvelCli::KnownSubcommands("smmlan"),
               (std::vector<std::string>{"enable", "disable", "enableipmi", "query"}));
+    EXPECT_EQ(MorvelCli::KnownSubcommands("trust"), (std::vector<std::string>{"show", "add", "remove"}));
     EXPECT_TRUE(MorvelCli::KnownSubcommands("probe").empty());
 }
 

@@ -1,0 +1,112 @@
+#include "cli/RunSettings.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+#include <map>
+
+#include "host/GlobalConfig.h"
+#include "host/KnownSmms.h"
+#include "host/Text.h"
+
+namespace MorvelCli {
+namespace {
+
+// The value of the option, else of the configuration key, else empty; `from`
+// says which, for messages.
+std::string Chosen(const CommandLine& line, const std::string& option, const std::string& key, std::string& from) {
+    const auto found = line.options.find(option);
+    if (found != line.options.end()) {
+        from = "--" + option;
+        return found->second;
+    }
+    std::string value;
+    if (Plexum::GlobalConfig::GetConfigItem(key, value) == 0) {
+        from = "configuration key " + key;
+        return Plexum::Trim(value);
+    }
+    from.clear();
+    return std::string();
+}
+
+const char* Environment(const char* name) {
+    const char* value = std::getenv(name);
+    return value != nullptr && value[0] != '\0' ? value : nullptr;
+}
+
+template <typename Choice>
+bool Pick(const std::string& value, const std::map<std::string, Choice>& choices, Choice& chosen) {
+    const auto found = choices.find(value);
+    if (found == choices.end()) return false;
+    chosen = found->second;
+    return true;
+}
+
+RunSettingsRead Refuse(const std::string& error) {
+    RunSettingsRead read;
+    read.error = error;
+    return read;
+}
+
+}  // namespace
+
+void RunSettings::ApplyTo(Plexum::RunContext& run, const Target& target) const {
+    run.ChooseProtocols(protocols);
+    Plexum::TrustSettings forTarget = trust;
+    forTarget.key = Plexum::KnownSmms::Key(target.bmc.host, target.bmc.ipv6, target.bmc.port);
+    run.SetTrust(std::move(forTarget));
+}
+
+RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHome, const char* home) {
+    RunSettings settings;
+    std::string from;
+
+    const std::string protocol = Chosen(line, "protocol", "SMM_PROTOCOL", from);
+    if (!from.empty() && !Pick<Plexum::ProtocolChoice>(protocol, {{"auto", Plexum::ProtocolChoice::Auto},
+                                                                   {"redfish", Plexum::ProtocolChoice::Redfish},
+                                                                   {"ipmi", Plexum::ProtocolChoice::Ipmi}},
+                                                        settings.protocols)) {
+        return Refuse(from + " must be auto, redfish or ipmi");
+    }
+
+    const std::string verify = Chosen(line, "tls-verify", "REDFISH_TLS_VERIFY", from);
+    if (!from.empty() &&
+        !Pick<Plexum::TlsVerify>(verify, {{"none", Plexum::TlsVerify::None}, {"ca", Plexum::TlsVerify::Ca},
+                                          {"pin", Plexum::TlsVerify::Pin}, {"tofu", Plexum::TlsVerify::Tofu}},
+                                 settings.trust.verify)) {
+        return Refuse(from + " must be none, ca, pin or tofu");
+    }
+    settings.trust.caFile = Chosen(line, "cacert", "REDFISH_CA_FILE", from);
+    if (!from.empty() && (settings.trust.caFile.empty() || ::access(settings.trust.caFile.c_str(), R_OK) != 0)) {
+        return Refuse("cannot read the CA certificates of " + from + ": " + settings.trust.caFile);
+    }
+    settings.trust.knownSmms = Chosen(line, "known-smms", "REDFISH_KNOWN_SMMS", from);
+    if (!from.empty() && settings.trust.knownSmms.empty()) return Refuse(from + " needs a file name");
+    if (from.empty()) settings.trust.knownSmms = Plexum::KnownSmms::DefaultPath(xdgStateHome, home);
+    const bool pins = settings.trust.verify == Plexum::TlsVerify::Pin || settings.trust.verify == Plexum::TlsVerify::Tofu;
+    if (pins && settings.trust.knownSmms.empty()) {
+        return Refuse("no place for the known-SMMs file: there is no home; give --known-smms FILE");
+    }
+
+    const auto file = line.options.find("credentials-file");
+    const char* const fileFromEnvironment = Environment("MORVEL_CREDENTIALS_FILE");
+    if (file != line.options.end() || fileFromEnvironment != nullptr) {
+        Plexum::CredentialsFile::Loaded loaded =
+            Plexum::CredentialsFile::Load(file != line.options.end() ? file->second : fileFromEnvironment);
+        if (!loaded.file) return Refuse(loaded.error);
+        settings.credentials = std::move(loaded.file);
+    }
+    const auto command = line.options.find("password-command");
+    const char* const commandFromEnvironment = Environment("MORVEL_PASSWORD_COMMAND");
+    if (command != line.options.end() || commandFromEnvironment != nullptr) {
+        Plexum::PasswordCommand::Parsed parsed =
+            Plexum::PasswordCommand::Parse(command != line.options.end() ? command->second : commandFromEnvironment);
+        if (!parsed.command) return Refuse(parsed.error);
+        settings.passwordCommand = std::move(parsed.command);
+    }
+    RunSettingsRead read;
+    read.settings = std::move(settings);
+    return read;
+}
+
+}  // namespace MorvelCli

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "cli/CommandLine.h"
+#include "cli/TargetList.h"
+#include "host/Credentials.h"
+#include "host/RunContext.h"
+
+namespace MorvelCli {
+
+// What every target of a run is run with, beyond its --bmc: the protocols it
+// may use, how its Redfish certificate is trusted, and where passwords not
+// written in --bmc come from. Each comes from a command option, else its
+// configuration key (or environment variable), else its default:
+//   --protocol auto|redfish|ipmi        SMM_PROTOCOL                  auto
+//   --tls-verify none|ca|pin|tofu       REDFISH_TLS_VERIFY            none
+//   --cacert FILE                       REDFISH_CA_FILE               the system's CA store
+//   --known-smms FILE                   REDFISH_KNOWN_SMMS            $XDG_STATE_HOME/morvel/known_smms
+//   --credentials-file FILE             $MORVEL_CREDENTIALS_FILE      none
+//   --password-command CMD              $MORVEL_PASSWORD_COMMAND      none
+struct RunSettings {
+    Plexum::ProtocolChoice protocols = Plexum::ProtocolChoice::Auto;
+    Plexum::TrustSettings trust;  // its key is set per target
+    std::optional<Plexum::CredentialsFile> credentials;
+    std::optional<Plexum::PasswordCommand> passwordCommand;
+
+    // Installs the protocol choice and trust settings of `target` into `run`.
+    void ApplyTo(Plexum::RunContext& run, const Target& target) const;
+};
+
+struct RunSettingsRead {
+    std::optional<RunSettings> settings;
+    std::string error;  // one line, without "morvel: ", naming the option or key at fault
+};
+
+// `xdgStateHome` and `home` for the known-SMMs file's default place.
+RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHome, const char* home);
+
+}  // namespace MorvelCli

@@ -1,0 +1,153 @@
+#include "common/rest/RunTrust.h"
+
+#include <cstdlib>
+#include <memory>
+
+#include "common/rest/PeerCertificate.h"
+#include "host/KnownSmms.h"
+#include "host/RunContext.h"
+
+namespace Rest {
+namespace {
+
+// A certificate read for a pin waits no longer than this.
+constexpr int32_t kPeerReadSeconds = 20;
+
+struct UrlFree {
+    void operator()(CURLU* url) const { curl_url_cleanup(url); }
+};
+struct TextFree {
+    void operator()(char* text) const { curl_free(text); }
+};
+
+// The host (an IPv6 literal in brackets) and port of an https URL; false when it has none.
+bool HostAndPort(const std::string& url, std::string& host, int& port) {
+    const std::unique_ptr<CURLU, UrlFree> parsed(curl_url());
+    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return false;
+    char* hostText = nullptr;
+    char* portText = nullptr;
+    if (curl_url_get(parsed.get(), CURLUPART_HOST, &hostText, 0) != CURLUE_OK) return false;
+    const std::unique_ptr<char, TextFree> ownedHost(hostText);
+    if (curl_url_get(parsed.get(), CURLUPART_PORT, &portText, CURLU_DEFAULT_PORT) != CURLUE_OK) return false;
+    const std::unique_ptr<char, TextFree> ownedPort(portText);
+    host = hostText;
+    port = std::atoi(portText);
+    return port > 0;
+}
+
+bool IsVerificationFailure(int32_t curlCode) {
+    switch (curlCode) {
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_PINNEDPUBKEYNOTMATCH:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_INVALIDCERTSTATUS:
+        case CURLE_SSL_ISSUER_ERROR:
+            return true;
+        default:
+            return false;
+    }
+}
+
+std::string TrustCommands(const std::string& key) {
+    return "'morvel trust remove " + key + "' and then 'morvel trust add " + key + "'";
+}
+
+}  // namespace
+
+RunTrust::RunTrust(const std::string& url) : m_url(url) {
+    const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
+    m_active = trust.verify != Plexum::TlsVerify::None;
+    if (trust.verify == Plexum::TlsVerify::Pin || trust.verify == Plexum::TlsVerify::Tofu) FindPin(trust);
+}
+
+void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
+    const std::string& url = m_url;
+
+    Plexum::KnownSmms store(trust.knownSmms);
+    const Plexum::KnownSmms::Found found = store.Find(trust.key);
+    if (!found.error.empty()) return Refuse("cannot read the known-SMMs file: " + found.error);
+    if (found.entry) {
+        m_pin = found.entry->pin;
+        m_firstSeen = found.entry->firstSeen;
+        return;
+    }
+    if (trust.verify == Plexum::TlsVerify::Pin) {
+        return Refuse("no pin is recorded for " + Where() + " in " + trust.knownSmms + "; check the SMM's key with "
+                      "'morvel trust show " + Where() + "' and record it with 'morvel trust add " + Where() + "'");
+    }
+    // Trust on first use: the key presented now becomes the one to match from here on.
+    std::string host;
+    int port = 0;
+    if (!HostAndPort(url, host, port)) return Refuse("cannot tell the host of " + url);
+    const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
+    if (!read.certificate) {
+        // No answer is no trust question, but nothing goes out unpinned: the
+        // transfer fails as it would have, and the run goes on as after any failed transfer.
+        m_refusal = Response(read.curlCode != 0 ? read.curlCode : CURLE_SSL_CONNECT_ERROR, -1, read.error);
+        return;
+    }
+    const std::string now = Plexum::KnownSmms::UtcNow();
+    const Plexum::KnownSmms::Change added = store.Add(trust.key, read.certificate->pin, now);
+    if (added.outcome == Plexum::KnownSmms::Outcome::Failed) {
+        return Refuse("cannot record the pin of " + Where() + ": " + added.error);
+    }
+    // Another run may have recorded it a moment ago: its pin is the one that counts.
+    m_pin = added.pin;
+    if (added.outcome == Plexum::KnownSmms::Outcome::Added) {
+        m_firstSeen = now;
+    } else if (const auto entry = store.Find(trust.key).entry) {
+        m_firstSeen = entry->firstSeen;
+    }
+}
+
+std::string RunTrust::Where() const { return Plexum::RunContext::Current().Trust().key; }
+
+void RunTrust::Refuse(const std::string& reason) {
+    m_refusal = Response(CURLE_SSL_PINNEDPUBKEYNOTMATCH, -1, reason);
+    Plexum::RunContext::Current().NoteTrustFailure(reason);
+}
+
+bool RunTrust::Apply(CURL* handle) const {
+    if (!m_active) return true;
+    if (m_refusal.curlCode != -1) return false;
+    // Wherever a redirect leads, the user's password stays with the SMM it was meant for.
+    curl_easy_setopt(handle, CURLOPT_UNRESTRICTED_AUTH, 0L);
+    const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
+    if (trust.verify == Plexum::TlsVerify::Ca) {
+        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
+        curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 2L);
+        if (!trust.caFile.empty()) curl_easy_setopt(handle, CURLOPT_CAINFO, trust.caFile.c_str());
+        return true;
+    }
+    // SMMs sign their own certificates: the pinned key is what is trusted, not a chain.
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
+    curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
+    if (!m_pin.empty()) curl_easy_setopt(handle, CURLOPT_PINNEDPUBLICKEY, m_pin.c_str());
+    return true;
+}
+
+void RunTrust::Review(const Response& response) const {
+    if (!m_active || !IsVerificationFailure(response.curlCode)) return;
+    const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
+    std::string reason;
+    if (response.curlCode == CURLE_SSL_PINNEDPUBKEYNOTMATCH) {
+        std::string host;
+        int port = 0;
+        std::string presented = "a key that could not be read again";
+        if (HostAndPort(m_url, host, port)) {
+            const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
+            if (read.certificate) presented = read.certificate->pin;
+        }
+        reason = Where() + " presented a key that does not match its pin, and nothing was sent to it: recorded " +
+                 m_pin + (m_firstSeen.empty() ? "" : " (first seen " + m_firstSeen + ")") + ", presented " + presented +
+                 "; if its certificate was replaced on purpose, run " + TrustCommands(Where());
+    } else {
+        reason = "the certificate of " + Where() + " failed verification against " +
+                 (trust.caFile.empty() ? std::string("the system's CA certificates") : trust.caFile) + ": " +
+                 response.body;
+    }
+    Plexum::RunContext::Current().NoteTrustFailure(reason);
+}
+
+}  // namespace Rest

@@ -1,0 +1,44 @@
+#pragma once
+
+#include <curl/curl.h>
+
+#include <string>
+
+#include "common/rest/RestClientInterface.h"
+#include "host/RunContext.h"
+
+namespace Rest {
+
+// The run's trust settings (Plexum::RunContext::Trust, set by the host from
+// --tls-verify) applied to one transfer, over whatever the client was told:
+//   ca    the chain and host name verified against the CA file or the system's store;
+//   pin   the key must match the pin recorded for the target; none recorded: refused;
+//   tofu  like pin, but a target without a pin gets the one it presents now recorded;
+// and in all three, credentials never follow a redirect to another host.
+// With none (the default) it does nothing at all.
+class RunTrust {
+public:
+    // Reads the run's settings; for pin and tofu, finds (or records) the pin.
+    explicit RunTrust(const std::string& url);
+
+    // False when the transfer must not start (pin: no pin recorded); `refusal` then holds the response to give.
+    bool Apply(CURL* handle) const;
+    const Response& Refusal() const { return m_refusal; }
+
+    // After the transfer: a failed verification or pin becomes the run's trust failure.
+    void Review(const Response& response) const;
+
+private:
+    // pin, tofu: the pin to match, recorded first under tofu; or a refusal.
+    void FindPin(const Plexum::TrustSettings& trust);
+    void Refuse(const std::string& reason);
+    std::string Where() const;
+
+    std::string m_url;
+    std::string m_pin;        // pin, tofu: the pin the key must match
+    std::string m_firstSeen;  // and when it was recorded
+    bool m_active = false;
+    Response m_refusal{-1, -1, std::string()};
+};
+
+}  // namespace Rest

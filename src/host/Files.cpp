@@ -1,0 +1,40 @@
+#include "host/Files.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace Plexum {
+
+UniqueFd::~UniqueFd() {
+    if (m_fd >= 0) ::close(m_fd);
+}
+
+UniqueFd& UniqueFd::operator=(UniqueFd&& other) noexcept {
+    if (this != &other) {
+        if (m_fd >= 0) ::close(m_fd);
+        m_fd = other.Release();
+    }
+    return *this;
+}
+
+int UniqueFd::Release() {
+    const int fd = m_fd;
+    m_fd = -1;
+    return fd;
+}
+
+bool MakeParentDirectories(const std::string& path, const std::string& kind, std::string& error) {
+    for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
+        const std::string dir = path.substr(0, slash);
+        if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+            error = "cannot create " + kind + " directory " + dir + ": " + std::strerror(errno);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace Plexum
