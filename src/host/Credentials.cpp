@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "host/Files.h"
 #include "host/HostRange.h"
@@ -181,10 +182,12 @@ PasswordCommand::Answer PasswordCommand::Run(const std::string& host, int port, 
     environment.push_back("MORVEL_TARGET_PORT=" + std::to_string(port));
     environment.push_back("MORVEL_TARGET_USER=" + user);
     std::vector<char*> envp;
+    envp.reserve(environment.size() + 1);
     for (std::string& entry : environment) envp.push_back(&entry[0]);
     envp.push_back(nullptr);
     std::vector<std::string> words = m_words;
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) argv.push_back(&word[0]);
     argv.push_back(nullptr);
 
@@ -241,7 +244,7 @@ PasswordCommand::Answer PasswordCommand::Run(const std::string& host, int port, 
     while (inTime && reaped == 0) {
         // Output closed but not yet gone: wait for its end, within the limit.
         if (std::chrono::steady_clock::now() >= deadline) break;
-        ::usleep(10000);
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
         reaped = ::waitpid(child, &status, WNOHANG);
     }
     if (reaped == 0) {

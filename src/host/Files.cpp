@@ -30,7 +30,8 @@ bool MakeParentDirectories(const std::string& path, const std::string& kind, std
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         const std::string dir = path.substr(0, slash);
         if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
-            error = "cannot create " + kind + " directory " + dir + ": " + std::strerror(errno);
+            error = "cannot create ";
+            error.append(kind).append(" directory ").append(dir).append(": ").append(std::strerror(errno));
             return false;
         }
     }

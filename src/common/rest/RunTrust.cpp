@@ -31,8 +31,10 @@ bool HostAndPort(const std::string& url, std::string& host, int& port) {
     if (curl_url_get(parsed.get(), CURLUPART_PORT, &portText, CURLU_DEFAULT_PORT) != CURLUE_OK) return false;
     const std::unique_ptr<char, TextFree> ownedPort(portText);
     host = hostText;
-    port = std::atoi(portText);
-    return port > 0;
+    char* end = nullptr;
+    const long number = std::strtol(portText, &end, 10);
+    port = static_cast<int>(number);
+    return *end == '\0' && number > 0 && number <= 65535;
 }
 
 bool IsVerificationFailure(int32_t curlCode) {
