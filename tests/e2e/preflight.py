@@ -32,7 +32,7 @@ def required_programs(path=PACKAGE_LIST):
     with open(path, encoding="utf-8") as f:
         for line in f:
             words = line.split("#", 1)[0].split()
-            programs += [(program, words[0]) for program in words[1:]]
+            programs += [(program, words[0].rstrip("!")) for program in words[1:]]
     return programs
 
 
