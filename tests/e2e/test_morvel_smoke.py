@@ -10,6 +10,8 @@ import unittest
 from smmsim import BUILD_DIR, E2ETestCase, run_command
 
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv"}
+SHIPPED_CONFIG = os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))),
+                              "doc", "morvel.conf")
 
 
 class MorvelSmoke(E2ETestCase):
@@ -34,8 +36,15 @@ class MorvelSmoke(E2ETestCase):
         self.assertEqual(install.returncode, 0, install.describe())
         installed = sorted(os.path.relpath(os.path.join(top, name), prefix)
                            for top, _, names in os.walk(prefix) for name in names)
-        self.assertEqual(installed, ["bin/morvel", "lib/libmorvel_host.so", "lib/morvel/libmorvel_smmlan.so",
-                                     "lib/morvel/libmorvel_trust.so"])
+        expected = ["bin/morvel", "etc/morvel/morvel.conf", "lib/libmorvel_host.so", "lib/morvel/libmorvel_smmlan.so",
+                    "lib/morvel/libmorvel_trust.so", "share/bash-completion/completions/morvel"]
+        if os.environ.get("MORVEL_BUILD_DOCS") == "ON":
+            expected += ["share/man/man1/morvel-smmlan.1.gz", "share/man/man1/morvel-trust.1.gz",
+                         "share/man/man1/morvel.1.gz", "share/man/man5/morvel.conf.5.gz"]
+        self.assertEqual(installed, sorted(expected))
+        with open(os.path.join(prefix, "etc", "morvel", "morvel.conf"), encoding="utf-8") as f, \
+                open(SHIPPED_CONFIG, encoding="utf-8") as shipped:
+            self.assertEqual(f.read(), shipped.read())
 
         sim = self.start_sim(INITIAL_STATUS=1, REDFISH="off", SMM_IP="192.168.1.11")
         # No MORVEL_MODULE_PATH: the module is found beside the installed binary.
@@ -50,6 +59,25 @@ class MorvelSmoke(E2ETestCase):
                          "\n************Query Result************\n"
                          "0 Succeed.\n")
         self.assertIn(" module %s/lib/morvel/libmorvel_smmlan.so\n" % prefix, result.files["log"])
+
+    def test_shipped_configuration_changes_nothing(self):
+        # doc/morvel.conf (installed as /etc/morvel/morvel.conf) has every key
+        # commented out: a run with it read before the test's own key is the
+        # same run as with that key alone, on both paths.
+        with open(SHIPPED_CONFIG, encoding="utf-8") as f:
+            shipped = f.read()
+        with_shipped = os.path.join(self._new_dir("conf"), "morvel.conf")
+        with open(with_shipped, "w", encoding="utf-8") as f:
+            f.write(shipped + "".join("%s=%s\n" % item for item in CONFIG.items()))
+        for knobs in ({"INITIAL_STATUS": 1, "REDFISH": "off", "SMM_IP": "192.168.1.12"},
+                      {"INITIAL_STATUS": 4, "SMM_IP": "192.168.1.13"}):
+            with self.subTest(redfish=knobs.get("REDFISH", "on")):
+                sim = self.start_sim(**knobs)
+                alone = self.run_morvel(["smmlan", "query", "--bmc", sim.bmc()], config=CONFIG)
+                both = self.run_morvel(["--config", with_shipped, "smmlan", "query", "--bmc", sim.bmc()])
+                self.assertEqual((alone.returncode, alone.stderr), (0, ""), alone.describe())
+                self.assertEqual((both.returncode, both.stdout, both.stderr),
+                                 (alone.returncode, alone.stdout, alone.stderr))
 
     def test_enable_over_redfish(self):
         sim = self.start_sim(INITIAL_STATUS=2)
