@@ -146,12 +146,14 @@ _morvel() {
     fi
 
     # Readline replaces only the text after the last character of
-    # COMP_WORDBREAKS in the word ('=', ':' and '@' by default): cut each
-    # offer back to that part.
+    # COMP_WORDBREAKS in the word ('=', ':' and '@' by default), except that
+    # bash keeps a '@' or '$' there in the replaced text: cut each offer back
+    # to that part.
     local cut=0 j
     for ((j = ${#cur} - 1; j >= 0; j--)); do
         if [[ ${COMP_WORDBREAKS-} == *"${cur:j:1}"* ]]; then
             cut=$((j + 1))
+            [[ ${cur:j:1} == [@\$] ]] && cut=$j
             break
         fi
     done

@@ -107,10 +107,14 @@ class Completion(unittest.TestCase):
         self.assertEqual(self.complete("morvel smmlan query --bmc=admin@s"), ["--bmc=admin@smm01"])
 
     def test_bmc_hosts_with_bash_word_breaks(self):
-        # Readline replaces the text after the last '@' or ':'.
+        # Readline replaces the text after the last ':', and from the last '@' on
+        # (bash keeps that '@' in the word).
         self.assertEqual(self.complete("morvel smmlan query --bmc admin@",
                                        ["morvel", "smmlan", "query", "--bmc", "admin", "@"], DEFAULT_BREAKS),
-                         ["smm01", "[2001:db8::10]:8443", "rack2-smm07"])
+                         ["@smm01", "@[2001:db8::10]:8443", "@rack2-smm07"])
+        self.assertEqual(self.complete("morvel smmlan query --bmc admin@sm",
+                                       ["morvel", "smmlan", "query", "--bmc", "admin", "@", "sm"], DEFAULT_BREAKS),
+                         ["@smm01"])
         self.assertEqual(self.complete("morvel smmlan query --bmc admin@[2001:db8::10]:8",
                                        ["morvel", "smmlan", "query", "--bmc", "admin", "@", "[2001", ":", "db8",
                                         ":", "", ":", "10]", ":", "8"], DEFAULT_BREAKS),
