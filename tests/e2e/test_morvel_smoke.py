@@ -34,7 +34,7 @@ class MorvelSmoke(E2ETestCase):
         self.assertEqual(install.returncode, 0, install.describe())
         installed = sorted(os.path.relpath(os.path.join(top, name), prefix)
                            for top, _, names in os.walk(prefix) for name in names)
-        self.assertEqual(installed, ["bin/morvel", "lib/libmorvel_host.so", "lib/morvel/libmorvel_smmlan.so",
+        self.assertEqual(installed, ["bin/morvel", "lib/libmorvel_host.so.0", "lib/morvel/libmorvel_smmlan.so",
                                      "lib/morvel/libmorvel_trust.so"])
 
         sim = self.start_sim(INITIAL_STATUS=1, REDFISH="off", SMM_IP="192.168.1.11")
