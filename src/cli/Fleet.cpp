@@ -188,8 +188,9 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
         },
         [&] {
             const uint64_t one = 1;
-            // Nothing to do when it fails: the loop below also ends on a signal.
-            static_cast<void>(::write(allDone.Get(), &one, sizeof one));
+            if (::write(allDone.Get(), &one, sizeof one) < 0) {
+                // Nothing to do: the loop below also ends on a signal.
+            }
         });
 
     int stoppedBy = 0;

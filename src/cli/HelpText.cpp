@@ -37,7 +37,7 @@ std::string HostHelpText() {
            "When --bmc names no password (USER@HOST), it is taken from --credentials-file,\n"
            "else from --password-command, else from MORVEL_BMC_PASSWORD, else from\n"
            "--password-file, else asked for on the terminal.\n"
-           "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/lib/morvel.\n"
+           "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/" MORVEL_MODULE_SUBDIR ".\n"
            "\n"
            "Run 'morvel COMMAND --help' for the usage of a command.\n";
 }

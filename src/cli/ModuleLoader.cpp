@@ -26,7 +26,7 @@ std::string ModuleDirectory(const char* environment, const std::string& executab
     if (environment != nullptr && environment[0] != '\0') return environment;
     if (executablePath.empty()) return std::string();
     const std::string prefix = DirectoryOf(DirectoryOf(executablePath));
-    return (prefix == "/" ? std::string() : prefix) + "/lib/morvel";
+    return (prefix == "/" ? std::string() : prefix) + "/" MORVEL_MODULE_SUBDIR;
 }
 
 std::string ExecutablePath() {

@@ -7,8 +7,9 @@
 namespace MorvelCli {
 
 // The directory the command modules are looked up in: MORVEL_MODULE_PATH
-// when set and not empty, else <prefix>/lib/morvel where <prefix> is the
-// directory above the executable's own.
+// when set and not empty, else <prefix>/MORVEL_MODULE_SUBDIR (lib/morvel unless
+// the build chose another) where <prefix> is the directory above the
+// executable's own.
 std::string ModuleDirectory(const char* environment, const std::string& executablePath);
 
 // The running executable (readlink /proc/self/exe); empty when unknown.

@@ -36,7 +36,7 @@ class MorvelSmoke(E2ETestCase):
         self.assertEqual(install.returncode, 0, install.describe())
         installed = sorted(os.path.relpath(os.path.join(top, name), prefix)
                            for top, _, names in os.walk(prefix) for name in names)
-        expected = ["bin/morvel", "etc/morvel/morvel.conf", "lib/libmorvel_host.so", "lib/morvel/libmorvel_smmlan.so",
+        expected = ["bin/morvel", "etc/morvel/morvel.conf", "lib/libmorvel_host.so.0", "lib/morvel/libmorvel_smmlan.so",
                     "lib/morvel/libmorvel_trust.so", "share/bash-completion/completions/morvel"]
         if os.environ.get("MORVEL_BUILD_DOCS") == "ON":
             expected += ["share/man/man1/morvel-smmlan.1.gz", "share/man/man1/morvel-trust.1.gz",
