@@ -20,12 +20,21 @@ from smmsim import E2ETestCase, run_command  # noqa: E402  (the end-to-end harne
 
 DEB_DIR = os.environ.get("MORVEL_DEB_DIR", "")
 PACKAGES = ("morvel", "morvel-ansible")
-QUERY_ENABLED = ("************Query Result************\n\n"
-                 "Query SMM network status succeeded\n"
-                 "    Status: Enabled\n"
-                 "    SMM IP: 192.168.7.21\n"
-                 "\n************Query Result************\n"
-                 "0 Succeed.\n")
+# What each path prints for an SMM with its network on and IPMI over LAN off.
+QUERY_OUTPUT = {
+    "redfish": ("************Query Result************\n\n"
+                "Query SMM network status succeeded\n"
+                "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n"
+                "    SMM IP: 192.168.7.21\n"
+                "\n************Query Result************\n"
+                "\n0 Succeed.\n"),
+    "ipmi": ("************Query Result************\n\n"
+             "Query SMM network status succeeded\n"
+             "    Status: Enabled\n"
+             "    SMM IP: 192.168.7.21\n"
+             "\n************Query Result************\n"
+             "0 Succeed.\n"),
+}
 
 
 def installed(package):
@@ -93,14 +102,14 @@ class InstalledPackage(E2ETestCase):
                 result = self.run_morvel(["smmlan", "query", "--bmc", sim.bmc(), "--protocol", protocol],
                                          config={"IPMI_WORKAROUND_FLAGS": "opensesspriv"},
                                          binary="/usr/bin/morvel", env={"MORVEL_MODULE_PATH": ""})
-                self.assertEqual((result.returncode, result.stdout, result.stderr), (0, QUERY_ENABLED, ""),
+                self.assertEqual((result.returncode, result.stdout, result.stderr), (0, QUERY_OUTPUT[protocol], ""),
                                  result.describe())
         self.assertEqual(sim.ipmi_requests(), [("f1", "00"), ("c4", "000014932f76322f766f726e2f736d6d2f736d6d5f6970")])
         self.assertEqual([request[:2] for request in sim.redfish_requests()], [("GET", "/redfish/v1/Chassis/2")])
 
     def test_4_manual_pages_render_without_warnings(self):
-        for page, title in (("morvel", "MORVEL(1)"), ("morvel-smmlan", "MORVEL-SMMLAN(1)"),
-                            ("morvel-trust", "MORVEL-TRUST(1)"), ("morvel.conf", "MORVEL.CONF(5)")):
+        for page, title in (("morvel", "morvel(1)"), ("morvel-smmlan", "morvel-smmlan(1)"),
+                            ("morvel-trust", "morvel-trust(1)"), ("morvel.conf", "morvel.conf(5)")):
             with self.subTest(page=page):
                 result = run_command(["man", "--warnings", page], env=self.env({"MANWIDTH": "80"}), timeout=60)
                 self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
@@ -115,7 +124,7 @@ class InstalledPackage(E2ETestCase):
                   "printf '%s\\n' \"${COMPREPLY[@]}\"\n")
         result = run_command(["bash", "--norc", "--noprofile", "-c", script], env=self.env(), timeout=60)
         self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
-        self.assertEqual(result.stdout, "complete -F _morvel morvel\ndisable\nenable\nenableipmi\nquery\n")
+        self.assertEqual(result.stdout, "complete -F _morvel morvel\nenable\ndisable\nenableipmi\nquery\n")
 
     def test_6_the_ansible_collection_is_where_ansible_looks(self):
         result = run_command(["ansible-doc", "-t", "module", "morvel.smm.smmlan"], env=self.env(), timeout=120)
