@@ -45,6 +45,18 @@ MORVEL = os.environ.get("MORVEL_BINARY") or os.path.join(BUILD_DIR, "bin", "morv
 MODULE_DIR = os.environ.get("MORVEL_MODULE_DIR") or os.path.join(BUILD_DIR, "lib", "morvel")
 IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DIR, "bin", "ipmi_client_probe")
 PEAK_RSS = os.environ.get("PEAK_RSS") or os.path.join(BUILD_DIR, "bin", "peak_rss")
+
+
+def build_option(name):
+    """A cache value of the build under test, whoever started the suite (CTest or scripts/valgrind)."""
+    with open(os.path.join(BUILD_DIR, "CMakeCache.txt"), encoding="utf-8") as cache:
+        for line in cache:
+            key, _, value = line.rstrip("\n").partition("=")
+            if key.split(":")[0] == name:
+                return value
+    raise KeyError("%s is not in %s/CMakeCache.txt" % (name, BUILD_DIR))
+
+
 LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettempdir(), "morvel-e2e-locks")
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
 # Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
@@ -622,5 +634,5 @@ def parse_probe_line(line):
 
 __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
-           "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
+           "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "build_option", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
            "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE"]

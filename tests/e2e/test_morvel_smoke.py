@@ -7,7 +7,7 @@ standard output, standard error, the exit status and the log file exactly.
 import os
 import unittest
 
-from smmsim import BUILD_DIR, E2ETestCase, run_command
+from smmsim import BUILD_DIR, E2ETestCase, build_option, run_command
 
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv"}
 SHIPPED_CONFIG = os.path.join(os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)))),
@@ -38,7 +38,7 @@ class MorvelSmoke(E2ETestCase):
                            for top, _, names in os.walk(prefix) for name in names)
         expected = ["bin/morvel", "etc/morvel/morvel.conf", "lib/libmorvel_host.so.0", "lib/morvel/libmorvel_smmlan.so",
                     "lib/morvel/libmorvel_trust.so", "share/bash-completion/completions/morvel"]
-        if os.environ.get("MORVEL_BUILD_DOCS") == "ON":
+        if build_option("MORVEL_BUILD_DOCS") == "ON":
             expected += ["share/man/man1/morvel-smmlan.1.gz", "share/man/man1/morvel-trust.1.gz",
                          "share/man/man1/morvel.1.gz", "share/man/man5/morvel.conf.5.gz"]
         self.assertEqual(installed, sorted(expected))
