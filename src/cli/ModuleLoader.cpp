@@ -1,6 +1,5 @@
 #include "cli/ModuleLoader.h"
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <limits.h>
 #include <sys/stat.h>
@@ -9,6 +8,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "cli/CommandLine.h"
 
@@ -52,12 +53,13 @@ bool IsValidCommandWord(const std::string& command) {
 
 std::vector<std::string> InstalledCommands(const std::string& directory) {
     std::vector<std::string> commands;
-    DIR* const listing = directory.empty() ? nullptr : ::opendir(directory.c_str());
-    if (listing == nullptr) return commands;
+    if (directory.empty()) return commands;
     static const std::string kPrefix = "libmorvel_";
     static const std::string kSuffix = ".so";
-    while (const dirent* entry = ::readdir(listing)) {
-        const std::string name = entry->d_name;
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
         if (name.size() <= kPrefix.size() + kSuffix.size() || name.compare(0, kPrefix.size(), kPrefix) != 0 ||
             name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
             continue;
@@ -65,7 +67,6 @@ std::vector<std::string> InstalledCommands(const std::string& directory) {
         const std::string command = name.substr(kPrefix.size(), name.size() - kPrefix.size() - kSuffix.size());
         if (IsValidCommandWord(command)) commands.push_back(command);
     }
-    ::closedir(listing);
     std::sort(commands.begin(), commands.end());
     return commands;
 }
