@@ -123,6 +123,7 @@ std::string ShownWord(const std::string& word) {
 
 bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error) {
     line = CommandLine();
+    error = CommandLineError();
     size_t index = 1;
     // Host options: everything up to the first word that does not start with '-'.
     while (index < words.size() && !words[index].empty() && words[index][0] == '-') {
@@ -136,6 +137,12 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
             return true;
         }
         const std::string name = StartsWithDashes(word) ? word.substr(2, word.find('=') - 2) : std::string();
+        if (name == "show-config") {
+            if (word.size() > name.size() + 2) return Fail(error, kExitInvalidParameter, "option --show-config takes no value");
+            line.showConfig = true;
+            ++index;
+            continue;
+        }
         const bool known = name == "config" || name == "log-file" || name == "log-level" || name == "password-file";
         if (!known) {
             if (name == "help" || name == "version") {
@@ -149,6 +156,13 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
         std::string value;
         if (!TakeOption(words, index, taken, value, error)) return false;
         if (!SetHostOption(name, value, line, error)) return false;
+    }
+    if (line.showConfig) {
+        if (index < words.size()) {
+            return Fail(error, kExitInvalidParameter, "--show-config takes no command; it prints the configuration and exits");
+        }
+        line.action = Action::ShowConfig;
+        return true;
     }
     if (index >= words.size()) {
         return Fail(error, kExitInvalidCommand, "missing command; run 'morvel --help' for usage");
@@ -167,6 +181,7 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
     }
 
     if (index >= words.size() || (!words[index].empty() && words[index][0] == '-')) {
+        error.missingSubcommand = true;
         return Fail(error, kExitInvalidCommand,
                     "missing subcommand after '" + ShownWord(line.command) + "'; run 'morvel " +
                         ShownWord(line.command) + " --help' for usage");

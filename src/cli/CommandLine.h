@@ -11,6 +11,7 @@ enum class Action {
     HostHelp,     // morvel --help
     CommandHelp,  // morvel COMMAND ... --help
     Version,      // morvel --version
+    ShowConfig,   // morvel [--config FILE] --show-config
 };
 
 enum class OutputFormat { Text, Json };
@@ -33,6 +34,7 @@ struct CommandLine {
     unsigned logLevel = 3;
     bool hasPasswordFile = false;
     std::string passwordFile;
+    bool showConfig = false;  // may be given more than once
 
     std::string command;
     size_t commandIndex = 0;  // index of the command word in the given words
@@ -54,6 +56,9 @@ struct CommandLine {
 struct CommandLineError {
     std::string message;  // one line, without the "morvel: " prefix
     int exitStatus = 0;
+    // The command word has no subcommand after it: the host tells an unknown
+    // command from a known one before it says which.
+    bool missingSubcommand = false;
 };
 
 // Exit statuses of command-line mistakes: a missing or unknown command word is

@@ -5,6 +5,9 @@
 
 #include "cli/CommandLine.h"
 
+#ifndef MORVEL_SYSTEM_CONFIG
+#error "MORVEL_SYSTEM_CONFIG must be defined by the build"
+#endif
 #ifndef MORVEL_VERSION
 #error "MORVEL_VERSION must be defined by the build"
 #endif
@@ -24,7 +27,12 @@ std::string HostHelpText() {
            "  trust     show, record or forget the pin of an SMM's Redfish key\n"
            "\n"
            "Host options (before the command):\n"
-           "  --config FILE         KEY=VALUE configuration (default: $MORVEL_CONFIG; none when unset)\n"
+           "  --config FILE         KEY=VALUE configuration, read alone (default: $MORVEL_CONFIG;\n"
+           "                        when unset, $XDG_CONFIG_HOME/morvel/morvel.conf (else\n"
+           "                        ~/.config/morvel/morvel.conf) and then " MORVEL_SYSTEM_CONFIG ",\n"
+           "                        the first file that sets a key winning)\n"
+           "  --show-config         print every configuration key, its value and where it\n"
+           "                        came from, and exit\n"
            "  --log-file FILE       log file (default: $XDG_STATE_HOME/morvel/morvel.log,\n"
            "                        else ~/.local/state/morvel/morvel.log)\n"
            "  --log-level 0..4      log records up to this level: 0 fatal, 1 errors, 2 warnings,\n"
@@ -134,5 +142,7 @@ bool CommandHelpText(const std::string& command, std::string& text) {
 }
 
 bool CommandTakesOperand(const std::string& command) { return command == "trust"; }
+
+bool CommandNeedsTarget(const std::string& command) { return command == "smmlan"; }
 
 }  // namespace MorvelCli

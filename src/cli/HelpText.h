@@ -21,6 +21,10 @@ bool CommandHelpText(const std::string& command, std::string& text);
 // Whether the command takes one operand after its subcommand (trust: HOST[:PORT]).
 bool CommandTakesOperand(const std::string& command);
 
+// Whether the command works on SMMs named by --bmc or --bmc-file (smmlan);
+// without one, the host says so before the module's result line.
+bool CommandNeedsTarget(const std::string& command);
+
 // The subcommands of a command this host has usage text for, in the order the
 // usage lists them; empty for any other command (its module answers for itself).
 const std::vector<std::string>& KnownSubcommands(const std::string& command);

@@ -1,7 +1,6 @@
 #include "cli/Host.h"
 
 #include <fcntl.h>
-#include <pwd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,6 +14,7 @@
 
 #include "cli/ArgvScrub.h"
 #include "cli/CommandLine.h"
+#include "cli/ConfigFiles.h"
 #include "cli/HostLog.h"
 #include "cli/Fleet.h"
 #include "cli/HelpText.h"
@@ -69,17 +69,41 @@ bool OpenLog(const CommandLine& line, int& exitStatus) {
     return true;
 }
 
+// The configuration's files (see ConfigSearchPath), merged; false and a
+// one-line error when one of them cannot be read or parsed.
+bool ReadConfiguration(const CommandLine& line, Plexum::ConfigSettings& settings, std::vector<std::string>& read,
+                       std::string& error) {
+    const std::vector<Plexum::ConfigLayer> layers =
+        ConfigSearchPath(line.hasConfig, line.config, Environment("MORVEL_CONFIG"), std::getenv("XDG_CONFIG_HOME"),
+                         std::getenv("HOME"), SystemConfigPath());
+    return Plexum::GlobalConfig::ReadLayers(layers, settings, read, error);
+}
+
 bool LoadConfiguration(const CommandLine& line, int& exitStatus) {
-    const char* const fromEnvironment = Environment("MORVEL_CONFIG");
-    const std::string path = line.hasConfig ? line.config : fromEnvironment != nullptr ? fromEnvironment : "";
-    if (path.empty()) return true;
+    Plexum::ConfigSettings settings;
+    std::vector<std::string> read;
     std::string error;
-    if (!Plexum::GlobalConfig::LoadFile(path, error)) {
+    if (!ReadConfiguration(line, settings, read, error)) {
         exitStatus = Fail(kExitInvalidParameter, error);
         return false;
     }
-    PLEXUM_LOG(3, HostLog::kSource, HostLog::kConfigurationRead) << "configuration read from " << path;
+    Plexum::GlobalConfig::Install(settings);
+    if (!read.empty()) {
+        PLEXUM_LOG(3, HostLog::kSource, HostLog::kConfigurationRead) << ConfigurationReadRecord(read);
+    }
     return true;
+}
+
+int ShowConfiguration(const CommandLine& line) {
+    Plexum::ConfigSettings settings;
+    std::vector<std::string> read;
+    std::string error;
+    if (!ReadConfiguration(line, settings, read, error)) {
+        std::cerr << "morvel: " << error << std::endl;
+        return kExitInvalidParameter;
+    }
+    std::cout << ShowConfigText(settings) << std::flush;
+    return 0;
 }
 
 // The targets of --bmc and --bmc-file in the order given, each host and port once.
@@ -210,13 +234,19 @@ int CheckStandardOutput(int exitStatus) {
     return status;
 }
 
-int RunModule(const ModuleLoader& loader, const UserContext& context, const std::string& invalidCommandNote) {
+// `invalidParameterNote` goes before a result line of status 5, as
+// `invalidCommandNote` before one of status 4.
+int RunModule(const ModuleLoader& loader, const UserContext& context, const std::string& invalidCommandNote,
+              const std::string& invalidParameterNote = std::string()) {
     const ModuleOutcome outcome = RunModuleOnce(loader, context);
     if (!outcome.failure.empty()) return Fail(kExitInternalError, outcome.failure);
     const MorvelResult& result = outcome.result;
     if (result == kExitInvalidCommand && !invalidCommandNote.empty()) {
         PLEXUM_LOG(3, HostLog::kSource, HostLog::kSubcommandNote) << invalidCommandNote;
         std::cerr << "morvel: " << invalidCommandNote << std::endl;
+    }
+    if (result == kExitInvalidParameter && !invalidParameterNote.empty()) {
+        std::cerr << "morvel: " << invalidParameterNote << std::endl;
     }
     std::ostream& out = result == 0 ? std::cout : std::cerr;
     out << result << std::endl;
@@ -235,20 +265,7 @@ int ExitStatusForCode(int32_t code) {
 std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
     // A relative XDG_STATE_HOME is ignored, as the XDG base directory rules say.
     if (xdgStateHome != nullptr && xdgStateHome[0] == '/') return std::string(xdgStateHome) + "/morvel/morvel.log";
-    std::string base = home != nullptr ? home : "";
-    if (base.empty()) {
-        // getpwuid_r: getpwuid's static record is not safe if a module runs threads.
-        const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
-        std::vector<char> buffer(suggested > 0 ? static_cast<size_t>(suggested) : 16384);
-        passwd record{};
-        passwd* entry = nullptr;
-        int error = 0;
-        while ((error = ::getpwuid_r(::getuid(), &record, buffer.data(), buffer.size(), &entry)) == ERANGE &&
-               buffer.size() < (size_t{1} << 20)) {
-            buffer.resize(buffer.size() * 2);
-        }
-        if (error == 0 && entry != nullptr && entry->pw_dir != nullptr) base = entry->pw_dir;
-    }
+    const std::string base = HomeDirectory(home);
     if (base.empty()) return std::string();
     return base + "/.local/state/morvel/morvel.log";
 }
@@ -262,7 +279,16 @@ int RunCommandLine(int argc, char** argv) {
 
     CommandLine line;
     CommandLineError parseError;
-    if (!ParseCommandLine(words, line, parseError)) return Fail(parseError.exitStatus, parseError.message);
+    if (!ParseCommandLine(words, line, parseError)) {
+        if (parseError.missingSubcommand) {
+            // "morvel bogus" is an unknown command rather than one without its subcommand.
+            const std::string directory = ModuleDirectory(Environment("MORVEL_MODULE_PATH"), ExecutablePath());
+            if (!directory.empty() && !HasModule(directory, line.command)) {
+                return Fail(kExitInvalidCommand, UnknownCommandMessage(line.command, directory));
+            }
+        }
+        return Fail(parseError.exitStatus, parseError.message);
+    }
     switch (line.action) {
         case Action::HostHelp:
             std::cout << HostHelpText() << std::flush;
@@ -279,6 +305,8 @@ int RunCommandLine(int argc, char** argv) {
             std::cout << text << std::flush;
             return 0;
         }
+        case Action::ShowConfig:
+            return ShowConfiguration(line);
         case Action::Run:
             break;
     }
@@ -300,9 +328,10 @@ int RunCommandLine(int argc, char** argv) {
     PLEXUM_LOG(3, HostLog::kSource, HostLog::kModule) << "module " << loader.Path();
 
     if (line.targets.empty()) {
-        // The module answers a missing --bmc itself.
+        // The module answers a missing --bmc itself; the host says what was missing.
         PLEXUM_LOG(3, HostLog::kSource, HostLog::kNoBmc) << "no --bmc given";
-        return RunModule(loader, MakeContext(line, loader.Path(), argc, argv), std::string());
+        return RunModule(loader, MakeContext(line, loader.Path(), argc, argv), std::string(),
+                         CommandNeedsTarget(line.command) ? "--bmc USER[:PASSWORD]@HOST[:PORT] is required" : "");
     }
     TargetList list;
     if (!ReadTargets(line, list, exitStatus)) return exitStatus;

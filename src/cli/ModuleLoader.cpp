@@ -5,8 +5,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <system_error>
 
 #include "cli/CommandLine.h"
 
@@ -48,10 +51,48 @@ bool IsValidCommandWord(const std::string& command) {
     return true;
 }
 
+std::vector<std::string> InstalledCommands(const std::string& directory) {
+    std::vector<std::string> commands;
+    if (directory.empty()) return commands;
+    static const std::string kPrefix = "libmorvel_";
+    static const std::string kSuffix = ".so";
+    std::error_code error;
+    for (std::filesystem::directory_iterator entry(directory, error), end; !error && entry != end;
+         entry.increment(error)) {
+        const std::string name = entry->path().filename().string();
+        if (name.size() <= kPrefix.size() + kSuffix.size() || name.compare(0, kPrefix.size(), kPrefix) != 0 ||
+            name.compare(name.size() - kSuffix.size(), kSuffix.size(), kSuffix) != 0) {
+            continue;
+        }
+        const std::string command = name.substr(kPrefix.size(), name.size() - kPrefix.size() - kSuffix.size());
+        if (IsValidCommandWord(command)) commands.push_back(command);
+    }
+    std::sort(commands.begin(), commands.end());
+    return commands;
+}
+
+bool HasModule(const std::string& directory, const std::string& command) {
+    if (directory.empty() || !IsValidCommandWord(command)) return false;
+    struct stat status {};
+    const std::string path = directory + "/" + ModuleFileName(command);
+    return ::stat(path.c_str(), &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+std::string UnknownCommandMessage(const std::string& command, const std::string& directory) {
+    const std::vector<std::string> commands = InstalledCommands(directory);
+    std::string message = "unknown command '" + ShownWord(command) + "'; ";
+    if (commands.empty()) return message + "no commands are installed in " + Printable(directory);
+    message += "installed commands: ";
+    for (size_t i = 0; i < commands.size(); ++i) message += (i == 0 ? "" : ", ") + commands[i];
+    return message;
+}
+
 bool ModuleLoader::Load(const std::string& directory, const std::string& command, Failure& failure) {
     if (!IsValidCommandWord(command)) {
         failure.exitStatus = kExitInvalidCommand;
-        failure.message = "unknown command '" + ShownWord(command) + "'; run 'morvel --help' for the commands";
+        failure.message = directory.empty()
+                              ? "unknown command '" + ShownWord(command) + "'; run 'morvel --help' for the commands"
+                              : UnknownCommandMessage(command, directory);
         return false;
     }
     if (directory.empty()) {
@@ -64,7 +105,7 @@ bool ModuleLoader::Load(const std::string& directory, const std::string& command
     if (::stat(m_path.c_str(), &status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) {
             failure.exitStatus = kExitInvalidCommand;
-            failure.message = "unknown command '" + command + "' (no module " + m_path + ")";
+            failure.message = UnknownCommandMessage(command, directory);
         } else {
             failure.exitStatus = kExitInternalError;
             failure.message = "cannot load module " + m_path + ": " + std::strerror(errno);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "host/basic_app.h"
 
@@ -21,6 +22,17 @@ std::string ModuleFileName(const std::string& command);
 // Command words are letters, digits, '_' and '-': nothing that could leave the
 // module directory.
 bool IsValidCommandWord(const std::string& command);
+
+// The commands whose modules are in the directory (libmorvel_COMMAND.so,
+// COMMAND a valid command word), sorted; none when it cannot be listed.
+std::vector<std::string> InstalledCommands(const std::string& directory);
+
+// Whether the command's module file is there (it may still fail to load).
+bool HasModule(const std::string& directory, const std::string& command);
+
+// "unknown command 'WORD'; installed commands: a, b", or "...; no commands are
+// installed in DIR". The word is shown as ShownWord shows it.
+std::string UnknownCommandMessage(const std::string& command, const std::string& directory);
 
 // Finds, opens and resolves one command module. The library stays loaded
 // until the process ends: objects and exception types it made may outlive

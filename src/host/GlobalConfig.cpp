@@ -1,12 +1,16 @@
 #include "host/GlobalConfig.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <charconv>
 #include <cstring>
-#include <fstream>
 #include <map>
 #include <mutex>
 #include <sstream>
+
+#include "host/Files.h"
 
 namespace Plexum {
 namespace {
@@ -39,8 +43,9 @@ int GlobalConfig::GetConfigItem(const std::string& key, std::string& value) {
     return 0;
 }
 
-bool GlobalConfig::LoadText(const std::string& text, const std::string& origin, std::string& error) {
-    std::map<std::string, std::string> parsed;
+bool GlobalConfig::ParseText(const std::string& text, const std::string& origin, ConfigSettings& settings,
+                             std::string& error) {
+    ConfigSettings parsed;
     std::istringstream lines(text);
     std::string line;
     for (int number = 1; std::getline(lines, line); ++number) {
@@ -53,37 +58,84 @@ bool GlobalConfig::LoadText(const std::string& text, const std::string& origin, 
             error = origin + ":" + std::to_string(number) + ": expected KEY=VALUE";
             return false;
         }
-        parsed[key] = line.substr(equals + 1);
+        parsed[key] = ConfigSetting{line.substr(equals + 1), origin, number};
     }
-    std::lock_guard<std::mutex> lock(ConfigMutex());
-    Items() = std::move(parsed);
+    settings = std::move(parsed);
     return true;
 }
 
-bool GlobalConfig::LoadFile(const std::string& path, std::string& error) {
-    std::ifstream file(path, std::ios::binary);
-    if (!file) {
-        error = "cannot read configuration file " + path + ": " + std::strerror(errno);
-        return false;
+bool GlobalConfig::LoadText(const std::string& text, const std::string& origin, std::string& error) {
+    ConfigSettings parsed;
+    if (!ParseText(text, origin, parsed, error)) return false;
+    Install(parsed);
+    return true;
+}
+
+GlobalConfig::ReadStatus GlobalConfig::ReadFile(const std::string& path, std::string& text, std::string& error) {
+    const std::string cannot = "cannot read configuration file " + path;
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.Get() < 0) {
+        const int failure = errno;
+        error = cannot + ": " + std::strerror(failure);
+        // ENOTDIR: something above it is a file, so it cannot exist either.
+        return failure == ENOENT || failure == ENOTDIR ? ReadStatus::Missing : ReadStatus::Failed;
     }
     // A configuration file is a handful of lines; anything far larger is a mistake.
-    constexpr std::streamsize kMaxBytes = 1 << 20;
-    std::string text(static_cast<size_t>(kMaxBytes) + 1, '\0');
-    errno = 0;
-    file.read(&text[0], kMaxBytes + 1);
-    if (file.bad()) {
+    constexpr size_t kMaxBytes = 1 << 20;
+    text.assign(kMaxBytes + 1, '\0');
+    size_t length = 0;
+    while (length < text.size()) {
         // Opening a directory succeeds; only the read tells why it is no file.
-        const int failure = errno;
-        error = "cannot read configuration file " + path;
-        if (failure != 0) error += std::string(": ") + std::strerror(failure);
-        return false;
+        const ssize_t got = ::read(file.Get(), &text[length], text.size() - length);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) {
+            error = cannot + ": " + std::strerror(errno);
+            text.clear();
+            return ReadStatus::Failed;
+        }
+        if (got == 0) break;
+        length += static_cast<size_t>(got);
     }
-    text.resize(static_cast<size_t>(file.gcount()));
-    if (static_cast<std::streamsize>(text.size()) > kMaxBytes) {
+    text.resize(length);
+    if (length > kMaxBytes) {
         error = "configuration file " + path + " is larger than 1 MiB";
-        return false;
+        text.clear();
+        return ReadStatus::Failed;
     }
+    return ReadStatus::Read;
+}
+
+bool GlobalConfig::LoadFile(const std::string& path, std::string& error) {
+    std::string text;
+    if (ReadFile(path, text, error) != ReadStatus::Read) return false;
     return LoadText(text, path, error);
+}
+
+bool GlobalConfig::ReadLayers(const std::vector<ConfigLayer>& layers, ConfigSettings& merged,
+                              std::vector<std::string>& read, std::string& error) {
+    ConfigSettings result;
+    std::vector<std::string> files;
+    for (const ConfigLayer& layer : layers) {
+        std::string text;
+        const ReadStatus status = ReadFile(layer.path, text, error);
+        if (status == ReadStatus::Missing && !layer.required) continue;
+        if (status != ReadStatus::Read) return false;
+        ConfigSettings parsed;
+        if (!ParseText(text, layer.path, parsed, error)) return false;
+        // An earlier layer's key stays: emplace does not replace.
+        for (auto& entry : parsed) result.emplace(entry.first, std::move(entry.second));
+        files.push_back(layer.path);
+    }
+    merged = std::move(result);
+    read = std::move(files);
+    return true;
+}
+
+void GlobalConfig::Install(const ConfigSettings& settings) {
+    std::map<std::string, std::string> items;
+    for (const auto& entry : settings) items.emplace(entry.first, entry.second.value);
+    std::lock_guard<std::mutex> lock(ConfigMutex());
+    Items() = std::move(items);
 }
 
 void GlobalConfig::SetItem(const std::string& key, const std::string& value) {

@@ -44,6 +44,9 @@ SMM_SIM = os.environ.get("SMM_SIM_LAUNCHER") or os.path.join(BUILD_DIR, "bin", "
 MORVEL = os.environ.get("MORVEL_BINARY") or os.path.join(BUILD_DIR, "bin", "morvel")
 MODULE_DIR = os.environ.get("MORVEL_MODULE_DIR") or os.path.join(BUILD_DIR, "lib", "morvel")
 IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DIR, "bin", "ipmi_client_probe")
+# The system-wide configuration file the build compiled in; the harness keeps
+# a real one on this machine out of the tests' runs.
+SYSTEM_CONFIG = os.environ.get("MORVEL_SYSTEM_CONFIG") or "/etc/morvel/morvel.conf"
 PEAK_RSS = os.environ.get("PEAK_RSS") or os.path.join(BUILD_DIR, "bin", "peak_rss")
 
 
@@ -193,11 +196,41 @@ def base_env(home):
         "LC_ALL": "C.UTF-8",
         "HOME": home,
         "XDG_STATE_HOME": os.path.join(home, ".local", "state"),
+        "XDG_CONFIG_HOME": os.path.join(home, ".config"),
     }
     for key in ("ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS", "TSAN_OPTIONS"):
         if key in os.environ:
             env[key] = os.environ[key]
     return env
+
+
+# Runs "$@" in a private mount namespace with the system configuration's folder
+# replaced: by the folder STAGING when given, else by an empty tmpfs. A folder
+# that does not exist is made in an overlay of its parent (upper layer in
+# SCRATCH), so the machine's own /etc is never written.
+_SYSTEM_CONFIG_SCRIPT = r"""set -e
+dir=$1 staging=$2 scratch=$3
+shift 3
+if [ ! -d "$dir" ]; then
+    [ -n "$scratch" ] || { echo "no scratch folder for an overlay over ${dir%/*}" >&2; exit 125; }
+    parent=${dir%/*}
+    mkdir -p "$scratch/upper" "$scratch/work"
+    mount -t overlay morvel-e2e -o "lowerdir=$parent,upperdir=$scratch/upper,workdir=$scratch/work" "$parent"
+    mkdir -p "$dir"
+fi
+if [ -n "$staging" ]; then
+    mount --bind "$staging" "$dir"
+else
+    mount -t tmpfs -o mode=0755 morvel-e2e "$dir"
+fi
+exec "$@"
+"""
+
+
+def system_config_wrapper(staging=None, scratch=None):
+    """Words to run a command with the system configuration's folder replaced (see above)."""
+    return ["unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c", _SYSTEM_CONFIG_SCRIPT,
+            "morvel-system-config", os.path.dirname(SYSTEM_CONFIG), staging or "", scratch or ""]
 
 
 def write_config(path, items):
@@ -593,6 +626,10 @@ class E2ETestCase(unittest.TestCase):
             else:
                 host_args += ["--config", path]
         extra.update(env or {})
+        if wrapper is None and config is None and "MORVEL_CONFIG" not in extra and os.path.lexists(SYSTEM_CONFIG):
+            # This machine has a system configuration (a package installed it):
+            # the runs see only the configuration a test gives.
+            wrapper = system_config_wrapper()
         argv = list(wrapper or []) + MORVEL_WRAPPER + [binary] + host_args + list(args)
         peak_file = os.path.join(os.path.dirname(log_file), "peak-rss-kib")
         if measure_rss:
@@ -634,5 +671,6 @@ def parse_probe_line(line):
 
 __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_command", "write_config", "lease_address",
            "https_request",
-           "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "build_option", "MORVEL", "MODULE_DIR", "SMM_SIM", "MORVEL_WRAPPER",
+           "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "build_option", "MORVEL", "MODULE_DIR", "SMM_SIM",
+           "MORVEL_WRAPPER", "SYSTEM_CONFIG", "system_config_wrapper",
            "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE"]

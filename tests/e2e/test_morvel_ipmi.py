@@ -428,7 +428,8 @@ class CommandLine(SmmLanOverIpmi):
         for args in (["smmlan", "query"], ["smmlan", "query", "--method", "static", "--BMC", sim.bmc()]):
             with self.subTest(args=args[2:3]):
                 result = self.run_morvel(args, config=CONFIG, log_level=4)
-                self.assertResult(result, 5, "", "5 Invalid parameter.\n")
+                self.assertResult(result, 5, "", "morvel: --bmc USER[:PASSWORD]@HOST[:PORT] is required\n"
+                                                 "5 Invalid parameter.\n")
                 self.assertEqual(sim.ipmi_requests(), [])
                 self.assertEqual(sim.redfish_requests(), [])
                 self.assertEqual([r for r in log_records(result.files["log"]) if r[1] == "src/host/MorvelConnect"], [])

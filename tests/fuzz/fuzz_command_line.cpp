@@ -69,6 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case MorvelCli::Action::HostHelp:
         case MorvelCli::Action::Version:
         case MorvelCli::Action::CommandHelp: break;
+        case MorvelCli::Action::ShowConfig:
+            // Host options only: nothing may follow it.
+            FUZZ_CHECK(line.showConfig && line.command.empty());
+            break;
         case MorvelCli::Action::Run:
             FUZZ_CHECK(line.commandIndex >= 1 && line.commandIndex < words.size());
             FUZZ_CHECK(words[line.commandIndex] == line.command);

@@ -4,6 +4,7 @@
 //
 // Input: the configuration text.
 
+#include <algorithm>
 #include <climits>
 #include <cstdint>
 #include <map>
@@ -94,6 +95,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const int read = Plexum::GetGlobalConfigValue(item.first, -12345);
         FUZZ_CHECK(read == (isInteger ? modelled : -12345));
         if (isInteger) FUZZ_CHECK(Plexum::GetGlobalConfigValue(item.first, 777) == modelled);
+    }
+    // The parser alone (the search path's per-file step) agrees, and each key
+    // names its file and a line that exists.
+    Plexum::ConfigSettings settings;
+    FUZZ_CHECK(Plexum::GlobalConfig::ParseText(text, "fuzz.conf", settings, error));
+    FUZZ_CHECK(settings.size() == expected.size());
+    const long lines = static_cast<long>(std::count(text.begin(), text.end(), '\n')) + 1;
+    for (const auto& entry : settings) {
+        const auto found = expected.find(entry.first);
+        FUZZ_CHECK(found != expected.end() && found->second == entry.second.value);
+        FUZZ_CHECK(entry.second.file == "fuzz.conf" && entry.second.line >= 1 && entry.second.line <= lines);
     }
     if (expected.count("MORVEL_FUZZ_NOT_SET") == 0) {
         FUZZ_CHECK(Plexum::GetGlobalConfigValue("MORVEL_FUZZ_NOT_SET", 41) == 41);

@@ -45,17 +45,35 @@ TEST(ModuleLoader, UnknownCommand) {
     ModuleLoader::Failure failure;
     EXPECT_FALSE(loader.Load(dir.Path(), "nosuch", failure));
     EXPECT_EQ(failure.exitStatus, 4);
-    EXPECT_EQ(failure.message, "unknown command 'nosuch' (no module " + dir.Path() + "/libmorvel_nosuch.so)");
+    EXPECT_EQ(failure.message, "unknown command 'nosuch'; no commands are installed in " + dir.Path());
 
     EXPECT_FALSE(loader.Load(dir.Path() + "/missing-dir", "nosuch", failure));
     EXPECT_EQ(failure.exitStatus, 4);
+    EXPECT_EQ(failure.message, "unknown command 'nosuch'; no commands are installed in " + dir.Path() + "/missing-dir");
+
+    dir.Write("libmorvel_zeta.so", "");
+    dir.Write("libmorvel_alpha-1.so", "");
+    dir.Write("libmorvel_not.valid.so", "");
+    dir.Write("libmorvel_.so", "");
+    dir.Write("notes.txt", "");
+    EXPECT_EQ(MorvelCli::InstalledCommands(dir.Path()), (std::vector<std::string>{"alpha-1", "zeta"}));
+    EXPECT_FALSE(loader.Load(dir.Path(), "nosuch", failure));
+    EXPECT_EQ(failure.message, "unknown command 'nosuch'; installed commands: alpha-1, zeta");
 
     EXPECT_FALSE(loader.Load(dir.Path(), "../../etc/x", failure));
     EXPECT_EQ(failure.exitStatus, 4);
-    EXPECT_EQ(failure.message, "unknown command '../../etc/x'; run 'morvel --help' for the commands");
+    EXPECT_EQ(failure.message, "unknown command '../../etc/x'; installed commands: alpha-1, zeta");
 
     EXPECT_FALSE(loader.Load(dir.Path(), "a\x1b" "b", failure));
-    EXPECT_EQ(failure.message, "unknown command 'a?b'; run 'morvel --help' for the commands");
+    EXPECT_EQ(failure.message, "unknown command 'a?b'; installed commands: alpha-1, zeta");
+
+    EXPECT_FALSE(loader.Load(dir.Path(), "u:Pq3x@h", failure));
+    EXPECT_EQ(failure.message, "unknown command 'u:*@h'; installed commands: alpha-1, zeta");
+
+    EXPECT_TRUE(MorvelCli::HasModule(dir.Path(), "zeta"));
+    EXPECT_FALSE(MorvelCli::HasModule(dir.Path(), "nosuch"));
+    EXPECT_FALSE(MorvelCli::HasModule(dir.Path(), "../x"));
+    EXPECT_FALSE(MorvelCli::HasModule("", "zeta"));
 }
 
 TEST(ModuleLoader, NoDirectory) {

@@ -9,13 +9,12 @@
 
 #include "ProcessRunner.h"
 #include "TestFiles.h"
+#include "cli/ConfigFiles.h"
 #include "cli/HelpText.h"
 
 namespace {
 
 const std::string kBadForm = "expected USER[:PASSWORD]@HOST[:PORT]";
-
-std::string Directory(const std::string& path) { return path.substr(0, path.rfind('/')); }
 
 // Log lines without their time stamp and source line: "LEVEL source text".
 std::vector<std::string> LogRecords(const std::string& path) {
@@ -229,11 +228,42 @@ TEST_F(MorvelProcess, UnknownCommand) {
     ProcessResult result = Run({"nosuch", "query", "--bmc", "a:b@h"});
     EXPECT_EQ(result.exitStatus, 4);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "morvel: unknown command 'nosuch' (no module " + m_modules + "/libmorvel_nosuch.so)\n");
+    // The installed commands are the module files there, whether they load or not.
+    const std::string installed = "installed commands: broken, nocreate, nullapp, probe\n";
+    EXPECT_EQ(result.err, "morvel: unknown command 'nosuch'; " + installed);
 
     result = Run({"../modules/libmorvel_probe", "query"});
     EXPECT_EQ(result.exitStatus, 4);
-    EXPECT_EQ(result.err, "morvel: unknown command '../modules/libmorvel_probe'; run 'morvel --help' for the commands\n");
+    EXPECT_EQ(result.err, "morvel: unknown command '../modules/libmorvel_probe'; " + installed);
+
+    // Without a subcommand too, and whatever follows it.
+    for (const std::vector<std::string>& arguments :
+         std::vector<std::vector<std::string>>{{"bogus"}, {"bogus", "--bmc", "a:b@h"}, {"bogus", "query", "--x", "y"}}) {
+        result = Run(arguments);
+        EXPECT_EQ(result.exitStatus, 4) << arguments.size();
+        EXPECT_EQ(result.out, "");
+        EXPECT_EQ(result.err, "morvel: unknown command 'bogus'; " + installed);
+    }
+
+    // Files that are not modules of commands are no commands.
+    m_scratch.Write("modules/libmorvel_.so", "");
+    m_scratch.Write("modules/libmorvel_a.b.so", "");
+    m_scratch.Write("modules/libother.so", "");
+    m_scratch.Write("modules/libmorvel_zz.so.1", "");
+    result = Run({"bogus"});
+    EXPECT_EQ(result.err, "morvel: unknown command 'bogus'; " + installed);
+
+    const std::string empty = m_scratch.Path() + "/empty";
+    ASSERT_EQ(::mkdir(empty.c_str(), 0700), 0);
+    for (const std::string& directory : {empty, m_scratch.Path() + "/missing"}) {
+        for (const std::vector<std::string>& arguments :
+             std::vector<std::vector<std::string>>{{"bogus"}, {"bogus", "query"}, {"probe", "query"}}) {
+            result = Run(arguments, {{"MORVEL_MODULE_PATH", directory}});
+            EXPECT_EQ(result.exitStatus, 4);
+            EXPECT_EQ(result.err, "morvel: unknown command '" + arguments[0] + "'; no commands are installed in " +
+                                      directory + "\n");
+        }
+    }
 }
 
 TEST_F(MorvelProcess, DefaultModuleDirectoryIsBesideThePrefix) {
@@ -244,8 +274,8 @@ TEST_F(MorvelProcess, DefaultModuleDirectoryIsBesideThePrefix) {
     request.environment = environment;
     const ProcessResult result = RunMorvel(request);
     EXPECT_EQ(result.exitStatus, 4);
-    EXPECT_EQ(result.err, "morvel: unknown command 'probe' (no module " + Directory(Directory(MORVEL_BINARY)) +
-                              "/lib/morvel/libmorvel_probe.so)\n");
+    // The build tree has the installed layout, with the real commands' modules.
+    EXPECT_EQ(result.err, "morvel: unknown command 'probe'; installed commands: smmlan, trust\n");
 }
 
 TEST_F(MorvelProcess, NoBmcIsLeftToTheModule) {
@@ -479,6 +509,163 @@ TEST_F(MorvelProcess, ConfigurationErrors) {
     EXPECT_EQ(result.err, "morvel: " + bad + ":2: expected KEY=VALUE\n");
 }
 
+// Every option that takes one value is refused when given twice, in either
+// form; --bmc and --bmc-file add targets instead.
+TEST_F(MorvelProcess, OptionsGivenTwice) {
+    const std::string file = m_scratch.Write("any.conf", "");
+    const std::vector<std::string> host = {"config", "log-file", "password-file"};
+    for (const std::string& name : host) {
+        for (const bool inlineValue : {false, true}) {
+            std::vector<std::string> arguments;
+            for (int i = 0; i < 2; ++i) {
+                if (inlineValue) {
+                    arguments.push_back("--" + name + "=" + file);
+                } else {
+                    arguments.insert(arguments.end(), {"--" + name, file});
+                }
+            }
+            arguments.insert(arguments.end(), {"probe", "query"});
+            const ProcessResult result = Run(arguments);
+            EXPECT_EQ(result.exitStatus, 5) << name;
+            EXPECT_EQ(result.out, "") << name;
+            EXPECT_EQ(result.err, "morvel: option --" + name + " given more than once\n") << name;
+        }
+    }
+    ProcessResult result = Run({"--log-level", "3", "--log-level=3", "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "morvel: option --log-level given more than once\n");
+
+    const std::pair<std::string, std::string> run[] = {
+        {"method", "dhcp"},        {"fanout", "2"},         {"output", "text"},
+        {"protocol", "ipmi"},      {"tls-verify", "none"},  {"cacert", file},
+        {"known-smms", file},      {"credentials-file", file}, {"password-command", "true"},
+        {"password-file", file},
+    };
+    for (const auto& option : run) {
+        const std::string& name = option.first;
+        result = Run({"probe", "query", "--bmc", "a:b@h", "--" + name, option.second, "--" + name + "=" + option.second});
+        EXPECT_EQ(result.exitStatus, 5) << name;
+        EXPECT_EQ(result.out, "") << name;
+        EXPECT_EQ(result.err, "morvel: option --" + name + " given more than once\n") << name;
+    }
+    for (const std::string name : {"always-prefix", "yes"}) {
+        result = Run({"probe", "query", "--" + name, "--" + name});
+        EXPECT_EQ(result.exitStatus, 5) << name;
+        EXPECT_EQ(result.err, "morvel: option --" + name + " given more than once\n") << name;
+    }
+    result = Run({"--password-file", file, "probe", "query", "--password-file", file});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "morvel: option --password-file given both before and after the command\n");
+
+    // Targets add up: two --bmc make a run over two.
+    result = Run({"probe", "query", "--bmc", "a:b@h1", "--bmc=a:b@h2", "--bmc-file", m_scratch.Write("t", "a:b@h3\n")});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_EQ(result.err, "");
+    EXPECT_NE(result.out.find("probe query: 3 SMMs, 3 succeeded, 0 failed\n"), std::string::npos) << result.out;
+}
+
+TEST_F(MorvelProcess, ShowConfig) {
+    const std::string defaults = MorvelCli::ShowConfigText(Plexum::ConfigSettings());
+    ProcessResult result = Run({"--show-config"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "");
+    EXPECT_EQ(result.out, defaults);
+    // Nothing else runs: not even the default log is made.
+    EXPECT_EQ(::access((m_home + "/.local").c_str(), F_OK), -1);
+
+    // Given twice it is the same; the other host options may go with it.
+    result = Run({"--show-config", "--log-file", m_log, "--log-level", "4", "--show-config"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, defaults);
+    EXPECT_EQ(::access(m_log.c_str(), F_OK), -1);
+
+    const std::string config = m_scratch.Write("c.conf", "# mine\nIPMI_CIPHER_SUITE_ID=17\nMY_TOKEN=Zr4tok\nODD= x \n");
+    result = Run({"--show-config", "--config", config});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.err, "");
+    Plexum::ConfigSettings settings;
+    settings["IPMI_CIPHER_SUITE_ID"] = {"17", config, 2};
+    settings["MY_TOKEN"] = {"Zr4tok", config, 3};
+    settings["ODD"] = {" x ", config, 4};
+    EXPECT_EQ(result.out, MorvelCli::ShowConfigText(settings));
+    EXPECT_NE(result.out.find("# " + config + " line 2\nIPMI_CIPHER_SUITE_ID=17\n"), std::string::npos);
+    EXPECT_NE(result.out.find("# unknown key, " + config + " line 3, value not shown\nMY_TOKEN=*\n"), std::string::npos);
+    EXPECT_NE(result.out.find("# unknown key, " + config + " line 4\nODD= x \n"), std::string::npos);
+    EXPECT_EQ(result.out.find("Zr4tok"), std::string::npos);
+
+    result = Run({"--config", m_scratch.Path() + "/none.conf", "--show-config"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err,
+              "morvel: cannot read configuration file " + m_scratch.Path() + "/none.conf: No such file or directory\n");
+
+    result = Run({"--show-config", "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: --show-config takes no command; it prints the configuration and exits\n");
+
+    result = Run({"--show-config=yes"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.err, "morvel: option --show-config takes no value\n");
+
+    result = Run({"--show-config", "--help"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(result.out, MorvelCli::HostHelpText());
+}
+
+// Without --config and MORVEL_CONFIG: the user's file, then the system's
+// (which the runner hides when this machine has one).
+TEST_F(MorvelProcess, UserConfiguration) {
+    const std::string xdg = m_scratch.Path() + "/xdg";
+    for (const std::string& folder : {xdg, xdg + "/morvel", m_home + "/.config", m_home + "/.config/morvel"}) {
+        ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0) << folder;
+    }
+    const std::string user = m_scratch.Write("xdg/morvel/morvel.conf", "PROBE_KEY=from xdg\n");
+    ProcessResult result = Run({"--log-file", m_log, "probe", "query"}, {{"XDG_CONFIG_HOME", xdg}});
+    EXPECT_EQ(result.exitStatus, 0) << result.err;
+    EXPECT_NE(result.out.find("probe: config PROBE_KEY=from xdg\n"), std::string::npos) << result.out;
+    std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_GE(records.size(), 2u);
+    EXPECT_EQ(records[1], "INFO src/cli/Host configuration read from " + user);
+
+    // HOME/.config when XDG_CONFIG_HOME is relative (or unset, or empty).
+    const std::string fallback = m_scratch.Write("home/.config/morvel/morvel.conf", "PROBE_KEY=from home\n");
+    for (const std::string& relative : {std::string("xdg"), std::string()}) {
+        result = Run({"probe", "query"}, {{"XDG_CONFIG_HOME", relative}});
+        EXPECT_NE(result.out.find("probe: config PROBE_KEY=from home\n"), std::string::npos) << result.out;
+    }
+    ASSERT_EQ(::unlink(m_log.c_str()), 0);
+    result = Run({"--log-file", m_log, "probe", "query"});
+    EXPECT_NE(result.out.find("probe: config PROBE_KEY=from home\n"), std::string::npos) << result.out;
+    records = LogRecords(m_log);
+    ASSERT_GE(records.size(), 2u);
+    EXPECT_EQ(records[1], "INFO src/cli/Host configuration read from " + fallback);
+
+    // An explicit file hides it.
+    const std::string other = m_scratch.Write("other.conf", "OTHER=1\n");
+    result = Run({"probe", "query"}, {{"MORVEL_CONFIG", other}});
+    EXPECT_EQ(result.out.find("PROBE_KEY"), std::string::npos) << result.out;
+
+    // One that is there but cannot be read stops the run before the module.
+    ASSERT_EQ(::unlink(fallback.c_str()), 0);
+    ASSERT_EQ(::mkdir(fallback.c_str(), 0700), 0);
+    result = Run({"probe", "query"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: cannot read configuration file " + fallback + ": Is a directory\n");
+    result = Run({"--show-config"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: cannot read configuration file " + fallback + ": Is a directory\n");
+
+    // No file at all: no record.
+    ASSERT_EQ(::rmdir(fallback.c_str()), 0);
+    ASSERT_EQ(::unlink(m_log.c_str()), 0);
+    result = Run({"--log-file", m_log, "probe", "query"});
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_EQ(ReadWholeFile(m_log).find("configuration read"), std::string::npos);
+}
+
 TEST_F(MorvelProcess, LogLevelReachesTheModule) {
     ProcessResult result = Run({"--log-level", "4", "--log-file", m_log, "probe", "query", "--dump", m_dump});
     EXPECT_EQ(result.exitStatus, 0);
@@ -499,7 +686,16 @@ TEST_F(MorvelProcess, MisplacedCredentialsAreMasked) {
     ProcessResult result = Run({"--log-file", m_log, "admin:Wq7zpass@h", "query"});
     EXPECT_EQ(result.exitStatus, 4);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "morvel: unknown command 'admin:*@h'; run 'morvel --help' for the commands\n");
+    EXPECT_EQ(result.err, "morvel: unknown command 'admin:*@h'; installed commands: broken, nocreate, nullapp, probe\n");
+    ExpectNowhere(result, "Wq7zpass");
+
+    result = Run({"--log-file", m_log, "admin:Wq7zpass@h"});
+    EXPECT_EQ(result.exitStatus, 4);
+    EXPECT_EQ(result.err, "morvel: unknown command 'admin:*@h'; installed commands: broken, nocreate, nullapp, probe\n");
+    ExpectNowhere(result, "Wq7zpass");
+    result = Run({"--log-file", m_log, "admin:Wq7zpass@h"}, {{"MORVEL_MODULE_PATH", m_scratch.Path() + "/none"}});
+    EXPECT_EQ(result.err, "morvel: unknown command 'admin:*@h'; no commands are installed in " + m_scratch.Path() +
+                              "/none\n");
     ExpectNowhere(result, "Wq7zpass");
 
     result = Run({"--log-file", m_log, "probe", "admin:Wq7zpass@h", "--dump", m_dump});
@@ -613,6 +809,7 @@ TEST_F(MorvelProcess, CommandLineMistakes) {
     const Case cases[] = {
         {{}, 4, "morvel: missing command; run 'morvel --help' for usage\n"},
         {{"probe"}, 4, "morvel: missing subcommand after 'probe'; run 'morvel probe --help' for usage\n"},
+        {{"bogus"}, 4, "morvel: unknown command 'bogus'; installed commands: broken, nocreate, nullapp, probe\n"},
         {{"--bogus", "probe", "query"}, 5,
          "morvel: unknown host option '--bogus' (options of a command go after COMMAND SUBCOMMAND)\n"},
         {{"probe", "query", "--bmc"}, 5,

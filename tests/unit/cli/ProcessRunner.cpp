@@ -1,6 +1,9 @@
 #include "ProcessRunner.h"
 
 #include <fcntl.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
 #include <poll.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -21,6 +24,17 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
     for (std::string& text : texts) pointers.push_back(&text[0]);
     pointers.push_back(nullptr);
     return pointers;
+}
+
+// The folder of the system-wide configuration file when that file exists on
+// this machine (a package installed it): the child then gets an empty tmpfs
+// over it in a mount namespace of its own, so the tests see only the
+// configuration they give. Empty when there is nothing to hide.
+std::string SystemConfigToHide() {
+    const std::string path = MORVEL_SYSTEM_CONFIG;
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return std::string();
+    return path.substr(0, path.rfind('/'));
 }
 
 }  // namespace
@@ -47,10 +61,18 @@ ProcessResult RunMorvel(const ProcessRequest& request) {
     // Held open here so the master does not see a hang-up before the child opens its side.
     const int parentSlave = request.withTerminal ? ::open(slaveName.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC) : -1;
 
+    const std::string hide = SystemConfigToHide();
     const pid_t child = ::fork();
     if (child < 0) throw std::runtime_error("fork failed");
     if (child == 0) {
         ::setsid();
+        if (!hide.empty() &&
+            (::unshare(CLONE_NEWNS) != 0 || ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+             ::mount("tmpfs", hide.c_str(), "tmpfs", 0, "mode=0755") != 0)) {
+            static const char kMessage[] = "ProcessRunner: cannot hide the system configuration (needs root)\n";
+            if (::write(err[1], kMessage, sizeof kMessage - 1) < 0) ::_exit(125);
+            ::_exit(125);
+        }
         if (request.withTerminal) {
             // The first terminal a session leader opens becomes its controlling terminal.
             if (::open(slaveName.c_str(), O_RDWR) < 0) ::_exit(126);

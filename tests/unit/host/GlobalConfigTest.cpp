@@ -114,6 +114,73 @@ TEST_F(GlobalConfigTest, LoadFileErrors) {
     EXPECT_TRUE(GlobalConfig::LoadFile(exact, error)) << error;
 }
 
+TEST_F(GlobalConfigTest, ParseTextKeepsLineNumbers) {
+    Plexum::ConfigSettings settings;
+    std::string error;
+    ASSERT_TRUE(GlobalConfig::ParseText("# c\nA=1\n\nB= 2 \r\nA=3\n", "f.conf", settings, error)) << error;
+    ASSERT_EQ(settings.size(), 2u);
+    EXPECT_EQ(settings["A"].value, "3");
+    EXPECT_EQ(settings["A"].file, "f.conf");
+    EXPECT_EQ(settings["A"].line, 5);
+    EXPECT_EQ(settings["B"].value, " 2 ");
+    EXPECT_EQ(settings["B"].line, 4);
+    EXPECT_EQ(Item("A"), "<unset>") << "parsing installs nothing";
+}
+
+// The search path's merge: the first layer that sets a key wins it, a key in
+// none stays unset, an optional file that does not exist is skipped.
+TEST_F(GlobalConfigTest, ReadLayersMergesPerKey) {
+    ScratchDirectory dir;
+    const std::string user = dir.Write("user.conf", "SHARED=user\nUSER_ONLY=u\n");
+    const std::string system = dir.Write("system.conf", "# all the keys\nSYSTEM_ONLY=s\nSHARED=system\n");
+    Plexum::ConfigSettings merged;
+    std::vector<std::string> read;
+    std::string error;
+    ASSERT_TRUE(GlobalConfig::ReadLayers({{user, false}, {system, false}}, merged, read, error)) << error;
+    EXPECT_EQ(read, (std::vector<std::string>{user, system}));
+    ASSERT_EQ(merged.size(), 3u);
+    EXPECT_EQ(merged["SHARED"].value, "user");
+    EXPECT_EQ(merged["SHARED"].file, user);
+    EXPECT_EQ(merged["SHARED"].line, 1);
+    EXPECT_EQ(merged["USER_ONLY"].value, "u");
+    EXPECT_EQ(merged["SYSTEM_ONLY"].value, "s");
+    EXPECT_EQ(merged["SYSTEM_ONLY"].file, system);
+    EXPECT_EQ(merged["SYSTEM_ONLY"].line, 2);
+
+    ASSERT_TRUE(GlobalConfig::ReadLayers({{dir.Path() + "/none.conf", false}, {system, false}}, merged, read, error));
+    EXPECT_EQ(read, std::vector<std::string>{system});
+    EXPECT_EQ(merged["SHARED"].value, "system");
+    EXPECT_EQ(merged.count("USER_ONLY"), 0u);
+
+    // A folder above it that is a file: it cannot exist either.
+    ASSERT_TRUE(GlobalConfig::ReadLayers({{user + "/morvel.conf", false}, {dir.Path() + "/no/x.conf", false}}, merged,
+                                         read, error));
+    EXPECT_TRUE(read.empty());
+    EXPECT_TRUE(merged.empty());
+
+    GlobalConfig::Install(Plexum::ConfigSettings{{"K", {"v", "f", 1}}});
+    EXPECT_EQ(Item("K"), "v");
+}
+
+TEST_F(GlobalConfigTest, ReadLayersErrors) {
+    ScratchDirectory dir;
+    const std::string good = dir.Write("good.conf", "A=1\n");
+    Plexum::ConfigSettings merged{{"OLD", {"x", "f", 1}}};
+    std::vector<std::string> read{"old"};
+    std::string error;
+    // A required file must exist.
+    EXPECT_FALSE(GlobalConfig::ReadLayers({{dir.Path() + "/none.conf", true}}, merged, read, error));
+    EXPECT_EQ(error, "cannot read configuration file " + dir.Path() + "/none.conf: No such file or directory");
+    // One that exists but cannot be read is an error at every level.
+    EXPECT_FALSE(GlobalConfig::ReadLayers({{good, false}, {dir.Path(), false}}, merged, read, error));
+    EXPECT_EQ(error, "cannot read configuration file " + dir.Path() + ": Is a directory");
+    const std::string bad = dir.Write("bad.conf", "A=1\nbad\n");
+    EXPECT_FALSE(GlobalConfig::ReadLayers({{bad, false}, {good, false}}, merged, read, error));
+    EXPECT_EQ(error, bad + ":2: expected KEY=VALUE");
+    EXPECT_EQ(merged.size(), 1u) << "a failed read leaves the results alone";
+    EXPECT_EQ(read, std::vector<std::string>{"old"});
+}
+
 TEST_F(GlobalConfigTest, IntegerValues) {
     struct Case {
         const char* text;
