@@ -54,6 +54,7 @@ IpmiBackendLoad Load() {
     // The library stays loaded for the life of the process: sessions and their contexts live in it.
     load.backend = backend;
     load.initResult = backend->rmcpplusInit();
+    // cppcheck-suppress resourceLeak  ; the handle is never closed, on purpose (above)
     return load;
 }
 
