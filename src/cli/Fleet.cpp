@@ -23,7 +23,6 @@
 #include "cli/Host.h"
 #include "cli/HostLog.h"
 #include "host/Files.h"
-#include "host/IpmiClient.h"
 #include "host/Log.h"
 #include "host/RunContext.h"
 
@@ -161,8 +160,8 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
         std::cerr << "morvel: cannot watch for interrupts" << std::endl;
         return kExitInternalError;
     }
-    // Before any thread uses a client: FreeIPMI's crypto set-up is not thread-safe.
-    Plexum::IpmiClient::InitializeLibrary();
+    // FreeIPMI is not set up here: the first IPMI session does it, once, so that
+    // a run over Redfish never loads it.
     FillCharacterTable();
     if (const auto refused = RaiseOpenFileLimit(std::min<size_t>(line.fanout, targets.size()))) {
         PLEXUM_LOG(1, HostLog::kSource, HostLog::kOpenFileLimit) << *refused;

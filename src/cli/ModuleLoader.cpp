@@ -112,7 +112,10 @@ bool ModuleLoader::Load(const std::string& directory, const std::string& command
         }
         return false;
     }
-    void* const handle = ::dlopen(m_path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    // Lazily: the libraries under a module (libcurl and its dozens) bind what they
+    // call as they call it, as they do in any program; the module itself is linked
+    // with -z now, so a symbol it lacks still fails here, not later.
+    void* const handle = ::dlopen(m_path.c_str(), RTLD_LAZY | RTLD_LOCAL);
     if (handle == nullptr) {
         const char* const error = ::dlerror();
         std::string reason = error != nullptr ? error : "unknown error";

@@ -1,13 +1,12 @@
 #include "host/IpmiClient.h"
 
-#include <freeipmi/freeipmi.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <sstream>
 
 #include "host/GlobalConfig.h"
+#include "host/IpmiBackend.h"
 #include "host/Log.h"
 #include "host/RunContext.h"
 
@@ -154,6 +153,8 @@ struct IpmiClient::Impl {
     std::string password;
     std::string port;
     uint64_t count = 1;
+    // FreeIPMI, once the first Open loaded it; set whenever ctx is.
+    const IpmiBackend* ipmi = nullptr;
     ipmi_ctx_t ctx = nullptr;
     // Set when the controller stopped answering inside the session: closing it
     // politely would only wait for another time-out.
@@ -161,8 +162,8 @@ struct IpmiClient::Impl {
 
     void Destroy(bool closeSession) {
         if (ctx == nullptr) return;
-        if (closeSession && !sessionDead) ipmi_ctx_close(ctx);
-        ipmi_ctx_destroy(ctx);
+        if (closeSession && !sessionDead) ipmi->ctxClose(ctx);
+        ipmi->ctxDestroy(ctx);
         ctx = nullptr;
         sessionDead = false;
     }
@@ -211,26 +212,34 @@ int32_t IpmiClient::OpenSession() {
                                         << cipherSuite << " privilege " << static_cast<unsigned>(privilege)
                                         << " session timeout " << sessionTimeout << " ms";
 
+    const IpmiBackendLoad& load = LoadIpmiBackend();
+    if (load.backend == nullptr) {
+        PLEXUM_LOG(1, kLogSource, __LINE__) << "IPMI unavailable: " << load.error;
+        return kOpenFailed;
+    }
+    const IpmiBackend& ipmi = *load.backend;
+
     const uint64_t attempts = m_impl->count == 0 ? 1 : m_impl->count;
     for (uint64_t attempt = 1; attempt <= attempts; ++attempt) {
-        ipmi_ctx_t ctx = ipmi_ctx_create();
+        ipmi_ctx_t ctx = ipmi.ctxCreate();
         if (ctx == nullptr) {
             PLEXUM_LOG(1, kLogSource, __LINE__) << "cannot create an IPMI context: out of memory";
             return kOpenFailed;
         }
-        const int opened = ipmi_ctx_open_outofband_2_0(
+        const int opened = ipmi.ctxOpenOutofband20(
             ctx, host.c_str(), m_impl->user.c_str(), m_impl->password.c_str(), nullptr, 0, privilege,
             static_cast<uint8_t>(cipherSuite), sessionMs, retransmissionMs, workarounds, IPMI_FLAGS_DEFAULT);
         if (opened == 0) {
+            m_impl->ipmi = &ipmi;
             m_impl->ctx = ctx;
             m_impl->sessionDead = false;
             return 0;
         }
-        const int errnum = ipmi_ctx_errnum(ctx);
+        const int errnum = ipmi.ctxErrnum(ctx);
         // The target and the user are traced at level 4 above, never in failure records.
         PLEXUM_LOG(1, kLogSource, __LINE__) << "IPMI session start failed (attempt " << attempt << " of " << attempts
-                                            << "): " << ipmi_ctx_errormsg(ctx);
-        ipmi_ctx_destroy(ctx);
+                                            << "): " << ipmi.ctxErrormsg(ctx);
+        ipmi.ctxDestroy(ctx);
         if (IsCredentialRefusal(errnum)) return kOpenRefused;
         // A session time-out comes after the controller answered the first
         // message: a later reply of the session start was lost, and not every
@@ -261,14 +270,14 @@ int32_t IpmiClient::SendRequest(const IpmiRequest& request, std::vector<uint8_t>
     rq.push_back(request.command);
     rq.insert(rq.end(), request.data.begin(), request.data.end());
     uint8_t rs[kMaxResponse] = {};
-    const int got = ipmi_cmd_raw(m_impl->ctx, kLunBmc, request.netFn, rq.data(), static_cast<unsigned>(rq.size()),
+    const int got = m_impl->ipmi->cmdRaw(m_impl->ctx, kLunBmc, request.netFn, rq.data(), static_cast<unsigned>(rq.size()),
                                  rs, sizeof(rs));
     if (got < 0) {
-        const int errnum = ipmi_ctx_errnum(m_impl->ctx);
+        const int errnum = m_impl->ipmi->ctxErrnum(m_impl->ctx);
         if (IsTimeout(errnum)) m_impl->sessionDead = true;
         PLEXUM_LOG(1, kLogSource, __LINE__) << "IPMI request 0x" << std::hex << static_cast<unsigned>(request.netFn)
                                             << "/0x" << static_cast<unsigned>(request.command) << std::dec
-                                            << " failed: " << ipmi_ctx_errormsg(m_impl->ctx);
+                                            << " failed: " << m_impl->ipmi->ctxErrormsg(m_impl->ctx);
         return -1;
     }
     // The raw reply is the command byte, the completion code, then the data.
@@ -290,6 +299,9 @@ int32_t IpmiClient::Open() {
     return opened;
 }
 
-int IpmiClient::InitializeLibrary() { return ipmi_rmcpplus_init(); }
+int IpmiClient::InitializeLibrary() {
+    const IpmiBackendLoad& load = LoadIpmiBackend();
+    return load.backend != nullptr ? load.initResult : -1;
+}
 
 }  // namespace Plexum

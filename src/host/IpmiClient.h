@@ -34,8 +34,9 @@ public:
                                 uint8_t& completionCode);
     virtual ~IpmiClient();
 
-    // Sets up the crypto libraries FreeIPMI uses; call it once before threads that
-    // use clients start. 0 on success.
+    // Loads FreeIPMI (libmorvel_ipmi.so, beside the host library) and sets up the
+    // crypto libraries it uses, once per process. The first Open does the same,
+    // thread-safely, so calling this first is never needed. 0 on success.
     static int InitializeLibrary();
 
     static constexpr int32_t kOpenRefused = 2;

@@ -36,8 +36,9 @@ class MorvelSmoke(E2ETestCase):
         self.assertEqual(install.returncode, 0, install.describe())
         installed = sorted(os.path.relpath(os.path.join(top, name), prefix)
                            for top, _, names in os.walk(prefix) for name in names)
-        expected = ["bin/morvel", "etc/morvel/morvel.conf", "lib/libmorvel_host.so.0", "lib/morvel/libmorvel_smmlan.so",
-                    "lib/morvel/libmorvel_trust.so", "share/bash-completion/completions/morvel"]
+        expected = ["bin/morvel", "etc/morvel/morvel.conf", "lib/libmorvel_host.so.0", "lib/libmorvel_ipmi.so",
+                    "lib/morvel/libmorvel_smmlan.so", "lib/morvel/libmorvel_trust.so",
+                    "share/bash-completion/completions/morvel"]
         if build_option("MORVEL_BUILD_DOCS") == "ON":
             expected += ["share/man/man1/morvel-smmlan.1.gz", "share/man/man1/morvel-trust.1.gz",
                          "share/man/man1/morvel.1.gz", "share/man/man5/morvel.conf.5.gz"]
@@ -78,6 +79,45 @@ class MorvelSmoke(E2ETestCase):
                 self.assertEqual((alone.returncode, alone.stderr), (0, ""), alone.describe())
                 self.assertEqual((both.returncode, both.stdout, both.stderr),
                                  (alone.returncode, alone.stdout, alone.stderr))
+
+    def test_installed_tree_without_its_ipmi_library(self):
+        # FreeIPMI comes in through lib/libmorvel_ipmi.so, loaded on the first IPMI session only:
+        # without it a run over Redfish is whole, and one over IPMI fails cleanly, saying why.
+        prefix = self._new_dir("prefix")
+        install = run_command(["cmake", "--install", BUILD_DIR, "--prefix", prefix], env=self.env(), timeout=120)
+        self.assertEqual(install.returncode, 0, install.describe())
+        library = os.path.join(prefix, "lib", "libmorvel_ipmi.so")
+        os.remove(library)
+        binary = os.path.join(prefix, "bin", "morvel")
+
+        redfish = self.start_sim(INITIAL_STATUS=1, SMM_IP="192.168.1.12")
+        result = self.run_morvel(["smmlan", "query", "--bmc", redfish.bmc()], config=CONFIG, binary=binary,
+                                 env={"MORVEL_MODULE_PATH": ""})
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
+        self.assertEqual(result.stdout,
+                         "************Query Result************\n\n"
+                         "Query SMM network status succeeded\n"
+                         "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n"
+                         "    SMM IP: 192.168.1.12\n"
+                         "\n************Query Result************\n\n"
+                         "0 Succeed.\n")
+        self.assertNotIn("IPMI unavailable", result.files["log"])
+
+        ipmi = self.start_sim(INITIAL_STATUS=1, REDFISH="off")
+        result = self.run_morvel(["smmlan", "query", "--bmc", ipmi.bmc()], config=CONFIG, binary=binary,
+                                 env={"MORVEL_MODULE_PATH": ""})
+        self.assertEqual(result.returncode, 13, result.describe())
+        self.assertEqual(result.stdout,
+                         "************Query Result************\n\n"
+                         "Query SMM network status failed.\n"
+                         "    Error msg: Connection failed.\n"
+                         "\n************Query Result************\n")
+        self.assertEqual(result.stderr, "13 Connection failed.\n")
+        failures = [line.split(" src/host/IpmiClient:", 1)[1].split(" ", 1)[1]
+                    for line in result.files["log"].splitlines() if " ERROR src/host/IpmiClient:" in line]
+        self.assertEqual(failures, ["IPMI unavailable: cannot load %s: cannot open shared object file: "
+                                    "No such file or directory" % library])
+        self.assertEqual(ipmi.ipmi_requests(), [])
 
     def test_enable_over_redfish(self):
         sim = self.start_sim(INITIAL_STATUS=2)

@@ -1,0 +1,22 @@
+// libmorvel_ipmi.so: FreeIPMI behind one table, loaded by the host on first use.
+#include "host/IpmiBackend.h"
+
+namespace {
+
+constexpr Plexum::IpmiBackend kBackend = {
+    Plexum::IpmiBackend::kAbiVersion,
+    &::ipmi_rmcpplus_init,
+    &::ipmi_ctx_create,
+    &::ipmi_ctx_open_outofband_2_0,
+    &::ipmi_ctx_errnum,
+    &::ipmi_ctx_errormsg,
+    &::ipmi_ctx_close,
+    &::ipmi_ctx_destroy,
+    &::ipmi_cmd_raw,
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) const Plexum::IpmiBackend* morvel_ipmi_backend() {
+    return &kBackend;
+}

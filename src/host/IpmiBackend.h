@@ -1,0 +1,46 @@
+#pragma once
+
+// The FreeIPMI calls IpmiClient makes, as a table that libmorvel_ipmi.so hands
+// out. FreeIPMI and the crypto libraries under it are large and costly to map
+// and relocate; the host loads that library when the first IPMI session starts,
+// so a run that never speaks IPMI (every run over Redfish) never pays for them.
+
+#include <freeipmi/freeipmi.h>
+
+#include <cstdint>
+#include <string>
+
+namespace Plexum {
+
+struct IpmiBackend {
+    // Changed whenever this table changes, so that a stale library is refused, not called.
+    static constexpr uint32_t kAbiVersion = 1;
+    static constexpr const char* kFileName = "libmorvel_ipmi.so";
+    static constexpr const char* kEntryPoint = "morvel_ipmi_backend";
+
+    uint32_t abiVersion;
+    decltype(&::ipmi_rmcpplus_init) rmcpplusInit;
+    decltype(&::ipmi_ctx_create) ctxCreate;
+    decltype(&::ipmi_ctx_open_outofband_2_0) ctxOpenOutofband20;
+    decltype(&::ipmi_ctx_errnum) ctxErrnum;
+    decltype(&::ipmi_ctx_errormsg) ctxErrormsg;
+    decltype(&::ipmi_ctx_close) ctxClose;
+    decltype(&::ipmi_ctx_destroy) ctxDestroy;
+    decltype(&::ipmi_cmd_raw) cmdRaw;
+};
+
+struct IpmiBackendLoad {
+    const IpmiBackend* backend = nullptr;  // null when the library could not be loaded
+    int initResult = -1;                   // ipmi_rmcpplus_init's answer
+    std::string error;                     // without a backend: the file and the loader's reason
+};
+
+// Loads libmorvel_ipmi.so from the directory the host library was loaded from,
+// once per process, and in the same once sets up FreeIPMI's crypto libraries,
+// which is not thread-safe. Any thread may call it; the answer never changes.
+const IpmiBackendLoad& LoadIpmiBackend();
+
+}  // namespace Plexum
+
+// The one symbol libmorvel_ipmi.so exports.
+extern "C" const Plexum::IpmiBackend* morvel_ipmi_backend();
