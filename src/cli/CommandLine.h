@@ -24,28 +24,28 @@ struct TargetSource {
 
 // The command line as words, before anything is looked up or opened.
 struct CommandLine {
-    Action action = Action::Run;
-
-    bool hasConfig = false;
     std::string config;
-    bool hasLogFile = false;
     std::string logFile;
-    bool hasLogLevel = false;
-    unsigned logLevel = 3;
-    bool hasPasswordFile = false;
     std::string passwordFile;
-    bool showConfig = false;  // may be given more than once
 
     std::string command;
-    size_t commandIndex = 0;  // index of the command word in the given words
     std::string subCommand;
     // Every option after the subcommand; of --bmc and --bmc-file, which may
     // be repeated, the first (all of them are in `targets`).
     std::map<std::string, std::string> options;
     std::vector<TargetSource> targets;
+    size_t commandIndex = 0;  // index of the command word in the given words
+
+    Action action = Action::Run;
+    unsigned logLevel = 3;
     // How a run over many targets goes: at most `fanout` at once, records as text or JSON Lines.
     unsigned fanout = 64;
     OutputFormat output = OutputFormat::Text;
+    bool hasConfig = false;
+    bool hasLogFile = false;
+    bool hasLogLevel = false;
+    bool hasPasswordFile = false;
+    bool showConfig = false;    // may be given more than once
     bool alwaysPrefix = false;  // --always-prefix: label even a single target's lines
 
     // The password file from the host option or, failing that, from the

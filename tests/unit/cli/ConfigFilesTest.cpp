@@ -15,6 +15,7 @@ using Plexum::ConfigSettings;
 
 std::vector<std::string> Described(const std::vector<ConfigLayer>& layers) {
     std::vector<std::string> described;
+    described.reserve(layers.size());
     for (const ConfigLayer& layer : layers) described.push_back(layer.path + (layer.required ? " required" : " optional"));
     return described;
 }

@@ -519,7 +519,7 @@ TEST_F(MorvelProcess, OptionsGivenTwice) {
             std::vector<std::string> arguments;
             for (int i = 0; i < 2; ++i) {
                 if (inlineValue) {
-                    arguments.push_back("--" + name + "=" + file);
+                    arguments.push_back(std::string("--").append(name).append("=").append(file));
                 } else {
                     arguments.insert(arguments.end(), {"--" + name, file});
                 }
