@@ -55,6 +55,21 @@ class Programs(E2ETestCase):
         self.assertEqual(preflight.required_programs()[:3],
                          [("cmake", "cmake"), ("scdoc", "scdoc"), ("ipmi_sim", "openipmi")])
 
+    def test_setup_installs_what_the_debian_package_builds_with(self):
+        # dpkg-buildpackage checks debian/control's Build-Depends, and
+        # build-essential besides, before it builds anything.
+        setup = os.path.join(os.path.dirname(preflight.PACKAGE_LIST), "setup")
+        listed = run_command([setup, "--list"], env=self.env())
+        self.assertEqual((listed.returncode, listed.stderr), (0, ""))
+        control = os.path.join(os.path.dirname(os.path.dirname(preflight.PACKAGE_LIST)), "debian", "control")
+        with open(control, encoding="utf-8") as f:
+            depends = f.read().split("Build-Depends:", 1)[1].split("\n\n", 1)[0].split("\nStandards-Version:")[0]
+        needed = [word.split("(")[0].strip() for word in depends.split(",") if word.strip()]
+        self.assertIn("rapidjson-dev", needed)
+        # debhelper provides debhelper-compat.
+        needed = ["debhelper" if name == "debhelper-compat" else name for name in needed] + ["build-essential"]
+        self.assertEqual([name for name in needed if name not in listed.stdout.splitlines()], [])
+
 
 class Ports(E2ETestCase):
     def hold(self, netns, *specs):
