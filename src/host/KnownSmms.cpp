@@ -25,16 +25,16 @@ std::string Failure(const std::string& what, const std::string& path) {
     return what + " " + path + ": " + std::strerror(errno);
 }
 
-// "smm1:443" and "SMM1" are one key: lower case, no default port.
+// "smm1:443" and "SMM1" are one key: lower case, no default port. Only the
+// port word itself is dropped ("[::1]:443", "smm1:443"), so a key written back
+// normalises to itself.
 std::string NormalKey(const std::string& written) {
     std::string key = Lower(written);
     const std::string defaultPort = ":" + std::to_string(kDefaultPort);
     const bool bracketed = !key.empty() && key[0] == '[';
-    const size_t colon = key.rfind(':');
-    const bool portWritten = bracketed ? key.find("]:") != std::string::npos : key.find(':') == colon && colon != std::string::npos;
-    if (portWritten && key.size() > defaultPort.size() &&
-        key.compare(key.size() - defaultPort.size(), defaultPort.size(), defaultPort) == 0) {
-        key.resize(key.size() - defaultPort.size());
+    const size_t hostEnd = bracketed ? key.find(']') + 1 : key.find(':');
+    if (hostEnd != 0 && hostEnd != std::string::npos && key.compare(hostEnd, std::string::npos, defaultPort) == 0) {
+        key.resize(hostEnd);
     }
     return key;
 }

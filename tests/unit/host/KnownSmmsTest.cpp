@@ -49,6 +49,20 @@ TEST(KnownSmms, ParseKeepsEntriesAndSkipsTheRest) {
     EXPECT_EQ(entries[2].key, "[::1]:8443");
 }
 
+TEST(KnownSmms, OnlyAPortWordOf443IsDropped) {
+    const auto entries = KnownSmms::Parse("[::1]:443 " + kPinA + " t\n"
+                                          "[::1]:443:443 " + kPinA + " t\n"
+                                          "smm06:443:443 " + kPinA + " t\n"
+                                          ":443 " + kPinA + " t\n"
+                                          "[::1 " + kPinA + " t\n");
+    ASSERT_EQ(entries.size(), 5u);
+    EXPECT_EQ(entries[0].key, "[::1]");
+    EXPECT_EQ(entries[1].key, "[::1]:443:443");
+    EXPECT_EQ(entries[2].key, "smm06:443:443");
+    EXPECT_EQ(entries[3].key, ":443");
+    EXPECT_EQ(entries[4].key, "[::1");
+}
+
 TEST(KnownSmms, DefaultPath) {
     EXPECT_EQ(KnownSmms::DefaultPath("/state", "/home/u"), "/state/morvel/known_smms");
     EXPECT_EQ(KnownSmms::DefaultPath("relative", "/home/u"), "/home/u/.local/state/morvel/known_smms");
