@@ -14,8 +14,8 @@ PREFLIGHT = os.path.join(os.path.dirname(os.path.abspath(__file__)), "preflight.
 HOLDER = """
 import socket, sys
 held = []
-for spec in sys.argv[1:]:
-    kind, address, port = spec.split(",")
+for listener in sys.argv[1:]:
+    kind, address, port = listener.split(",")
     s = socket.socket(socket.AF_INET, socket.SOCK_STREAM if kind == "tcp" else socket.SOCK_DGRAM)
     s.bind((address, int(port)))
     if kind == "tcp":
