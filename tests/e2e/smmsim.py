@@ -471,8 +471,24 @@ class Sim:
         return [r for r in rows if face is None or r.get("face") == face]
 
     def ipmi_requests(self):
-        """[(cmd, data)] of every 0x3A request, hex in lower case, in order."""
-        return [(r["cmd"], r["data"]) for r in self.records("ipmi")]
+        """[(cmd, data)] of every 0x3A exchange, hex in lower case, in order.
+
+        A reply that comes later than FreeIPMI's retransmission time-out (a loaded
+        machine) makes it send the request again in the same session with the next
+        sequence number; the simulator carries that out and records it, but it is
+        the same exchange, so it is counted once. morvel opens a session for each
+        exchange, so it never repeats a request in one session on purpose.
+        """
+        exchanges, last = [], None
+        for r in self.records():
+            if r.get("face") == "sim":
+                last = None  # a restart begins new sessions, whatever their IDs
+            elif r.get("face") == "ipmi":
+                key = (r["session"], r["cmd"], r["data"])
+                if last is None or key != last[0] or r["rq_seq"] != (last[1] + 1) % 64:
+                    exchanges.append((r["cmd"], r["data"]))
+                last = (key, r["rq_seq"])
+        return exchanges
 
     def redfish_requests(self):
         """[(method, path, body)] of every HTTPS request, in order."""

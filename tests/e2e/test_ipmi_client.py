@@ -155,6 +155,21 @@ class InjectedFaults(E2ETestCase):
         sends = [(r["cmd"], r["cc"], r["data"]) for r in rows if r["op"] == "send"]
         self.assertEqual(sends, [("c4", "00", "0300000000000000"), ("f1", "00", "0102")])
 
+    def test_a_retransmission_is_one_exchange(self):
+        sim = self.start_sim(DROP="F1.00#1", REDFISH="off")
+        _, rows = self.run_probe(sim.address, 623, ["open", "send", "3a", "f1", "00", "close",
+                                                    "open", "send", "3a", "f1", "00", "close"],
+                                 config=dict(WORKAROUND, IPMI_SESSION_TIMEOUT_MS="1500"))
+        self.assertEqual([(r["op"], r.get("rc"), r.get("cc"), r.get("data")) for r in rows], [
+            ("open", 0, None, None), ("send", 0, "00", "01"), ("close", None, None, None),
+            ("open", 0, None, None), ("send", 0, "00", "01"), ("close", None, None, None)])
+        first, again, second = sim.records("ipmi")
+        # The lost first try came again in its session with the next sequence number.
+        self.assertEqual((first["dropped"], again["dropped"], second["dropped"]), (True, False, False))
+        self.assertEqual((again["session"], again["rq_seq"]), (first["session"], (first["rq_seq"] + 1) % 64))
+        self.assertNotEqual(second["session"], again["session"])
+        self.assertEqual(sim.ipmi_requests(), [("f1", "00"), ("f1", "00")])
+
     def test_no_reply_gives_ff_within_the_session_timeout(self):
         sim = self.start_sim(DROP="F1.00", REDFISH="off")
         result, rows = self.run_probe(sim.address, 623, [

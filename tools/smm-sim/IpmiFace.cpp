@@ -172,6 +172,10 @@ void HandleOem(lmc_data_t*, msg_t* msg, unsigned char* rdata, unsigned int* rdat
         w.String(Hex(data.data(), data.size()).c_str());
         w.Key("dropped");
         w.Bool(withheld);
+        w.Key("session");
+        w.Uint(msg->sid);
+        w.Key("rq_seq");
+        w.Uint(msg->rq_seq);
         if (!withheld) {
             w.Key("cc");
             w.String(Hex(&cc, 1).c_str());

@@ -298,8 +298,10 @@ void Sim::PersistLocked() {
     const std::string body = text.str();
     const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     if (fd < 0) return;
+    // No fsync: the state must outlive a killed simulator, not a crashed machine,
+    // and a flush to disk on a loaded machine can hold a reply past the client's
+    // retransmission time-out.
     const bool written = ::write(fd, body.data(), body.size()) == static_cast<ssize_t>(body.size());
-    ::fsync(fd);
     ::close(fd);
     // A state file that cannot be replaced keeps the last saved state; the
     // running simulator goes on from memory, so there is nothing else to do.
