@@ -470,8 +470,8 @@ class Sim:
             rows = [json.loads(line) for line in f if line.strip()]
         return [r for r in rows if face is None or r.get("face") == face]
 
-    def ipmi_requests(self):
-        """[(cmd, data)] of every 0x3A exchange, hex in lower case, in order.
+    def ipmi_exchanges(self):
+        """The record of every 0x3A exchange, in order.
 
         A reply that comes later than FreeIPMI's retransmission time-out (a loaded
         machine) makes it send the request again in the same session with the next
@@ -486,9 +486,13 @@ class Sim:
             elif r.get("face") == "ipmi":
                 key = (r["session"], r["cmd"], r["data"])
                 if last is None or key != last[0] or r["rq_seq"] != (last[1] + 1) % 64:
-                    exchanges.append((r["cmd"], r["data"]))
+                    exchanges.append(r)
                 last = (key, r["rq_seq"])
         return exchanges
+
+    def ipmi_requests(self):
+        """[(cmd, data)] of every 0x3A exchange, hex in lower case, in order."""
+        return [(r["cmd"], r["data"]) for r in self.ipmi_exchanges()]
 
     def redfish_requests(self):
         """[(method, path, body)] of every HTTPS request, in order."""

@@ -166,7 +166,7 @@ class Query(SmmLanOverIpmi):
         self.assertResult(result, 1, block("Query", "Query SMM network status failed.",
                                            "    Error msg: Generic Failure."), GENERIC_FAILURE)
         self.assertIpmiOnly(sim, result, [STATUS_READ])
-        self.assertEqual([r["cc"] for r in sim.records("ipmi")], ["c1"])
+        self.assertEqual([r["cc"] for r in sim.ipmi_exchanges()], ["c1"])
 
     def test_status_reply_of_two_bytes_fails(self):
         sim = self.start(INITIAL_STATUS=1, RESPONSE="F1.00:0101")
@@ -249,7 +249,7 @@ class Enable(SmmLanOverIpmi):
         self.assertResult(result, 1, block("Enable", "Enable SMM network failed.", "    Error msg: Generic Failure."),
                           GENERIC_FAILURE)
         self.assertIpmiOnly(sim, result, [STATUS_READ, ("f1", "01")])
-        self.assertEqual([r["cc"] for r in sim.records("ipmi")], ["00", "c1"])
+        self.assertEqual([r["cc"] for r in sim.ipmi_exchanges()], ["00", "c1"])
         self.assertEqual((sim.state()["STATUS"], sim.state()["METHOD"]), (2, 0))
         self.assertEqual(errors(result.files["log"], MANAGER),
                          ["Execute ipmi command to set smm network status to 1 failed"])
@@ -316,7 +316,7 @@ class EnableIpmi(SmmLanOverIpmi):
                                             "    Error msg: " + IPMI_FAILED_MESSAGE),
                           "64 " + IPMI_FAILED_MESSAGE + "\n")
         self.assertIpmiOnly(sim, result, [STATUS_READ, ("f1", "04")])
-        self.assertEqual([r["cc"] for r in sim.records("ipmi")], ["00", "c1"])
+        self.assertEqual([r["cc"] for r in sim.ipmi_exchanges()], ["00", "c1"])
         self.assertEqual(sim.state()["STATUS"], 1)
         self.assertEqual(errors(result.files["log"], MANAGER),
                          ["Execute ipmi command to set smm ipmi over lan status to 4 failed"])
