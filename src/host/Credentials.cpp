@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 #include <thread>
 
@@ -25,7 +24,7 @@ namespace Plexum {
 namespace {
 
 // A credentials file is a few lines per site; anything far larger is a mistake.
-constexpr std::streamsize kMaxCredentialsBytes = 1 << 20;
+constexpr size_t kMaxCredentialsBytes = 1 << 20;
 
 std::string Failure(const std::string& what) { return what + ": " + std::strerror(errno); }
 
@@ -46,8 +45,8 @@ std::string TakeWord(const std::string& line, size_t& at) {
 CredentialsFile::Loaded CredentialsFile::Load(const std::string& path) {
     Loaded loaded;
     struct stat status {};
-    std::ifstream file(path, std::ios::binary);
-    if (!file || ::stat(path.c_str(), &status) != 0) {
+    UniqueFd file(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    if (file.Get() < 0 || ::fstat(file.Get(), &status) != 0) {
         loaded.error = Failure("cannot read credentials file " + path);
         return loaded;
     }
@@ -60,14 +59,13 @@ CredentialsFile::Loaded CredentialsFile::Load(const std::string& path) {
         loaded.error = "credentials file " + path + " is readable by group or others; chmod 600 it";
         return loaded;
     }
-    std::string text(static_cast<size_t>(kMaxCredentialsBytes) + 1, '\0');
-    file.read(&text[0], kMaxCredentialsBytes + 1);
-    text.resize(static_cast<size_t>(file.gcount()));
-    if (file.bad()) {
+    std::string text;
+    const ReadEnd end = ReadBounded(file.Get(), kMaxCredentialsBytes, text);
+    if (end == ReadEnd::Failed) {
         loaded.error = "cannot read credentials file " + path;
         return loaded;
     }
-    if (static_cast<std::streamsize>(text.size()) > kMaxCredentialsBytes) {
+    if (end == ReadEnd::TooLarge) {
         loaded.error = "credentials file " + path + " is larger than 1 MiB";
         return loaded;
     }

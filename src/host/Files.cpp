@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -36,6 +37,19 @@ bool MakeParentDirectories(const std::string& path, const std::string& kind, std
         }
     }
     return true;
+}
+
+ReadEnd ReadBounded(int fd, size_t maxBytes, std::string& text) {
+    text.clear();
+    char buffer[65536];
+    while (text.size() <= maxBytes) {
+        const ssize_t got = ::read(fd, buffer, std::min(sizeof buffer, maxBytes + 1 - text.size()));
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) return ReadEnd::Failed;
+        if (got == 0) return ReadEnd::Complete;
+        text.append(buffer, static_cast<size_t>(got));
+    }
+    return ReadEnd::TooLarge;
 }
 
 }  // namespace Plexum

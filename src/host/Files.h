@@ -26,4 +26,13 @@ private:
 // REASON" on failure.
 bool MakeParentDirectories(const std::string& path, const std::string& kind, std::string& error);
 
+// How ReadBounded ended: at the end of the file, past the limit, or on a
+// read error (errno says which).
+enum class ReadEnd { Complete, TooLarge, Failed };
+
+// Reads `fd` to its end into `text`, but never more than `maxBytes` + 1 bytes,
+// so that a file over the limit is told apart. The buffer grows with what is
+// read: a configuration file of a few lines costs a few lines, not the limit.
+ReadEnd ReadBounded(int fd, size_t maxBytes, std::string& text);
+
 }  // namespace Plexum

@@ -82,27 +82,14 @@ GlobalConfig::ReadStatus GlobalConfig::ReadFile(const std::string& path, std::st
     }
     // A configuration file is a handful of lines; anything far larger is a mistake.
     constexpr size_t kMaxBytes = 1 << 20;
-    text.assign(kMaxBytes + 1, '\0');
-    size_t length = 0;
-    while (length < text.size()) {
-        // Opening a directory succeeds; only the read tells why it is no file.
-        const ssize_t got = ::read(file.Get(), &text[length], text.size() - length);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            error = cannot + ": " + std::strerror(errno);
-            text.clear();
-            return ReadStatus::Failed;
-        }
-        if (got == 0) break;
-        length += static_cast<size_t>(got);
-    }
-    text.resize(length);
-    if (length > kMaxBytes) {
-        error = "configuration file " + path + " is larger than 1 MiB";
-        text.clear();
-        return ReadStatus::Failed;
-    }
-    return ReadStatus::Read;
+    // Opening a directory succeeds; only the read tells why it is no file.
+    const ReadEnd end = ReadBounded(file.Get(), kMaxBytes, text);
+    if (end == ReadEnd::Complete) return ReadStatus::Read;
+    const int failure = errno;
+    text.clear();
+    error = end == ReadEnd::TooLarge ? "configuration file " + path + " is larger than 1 MiB"
+                                     : cannot + ": " + std::strerror(failure);
+    return ReadStatus::Failed;
 }
 
 bool GlobalConfig::LoadFile(const std::string& path, std::string& error) {

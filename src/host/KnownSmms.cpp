@@ -48,21 +48,13 @@ bool ReadText(const std::string& path, std::string& text, std::string& error) {
         error = Failure("cannot read", path);
         return false;
     }
-    char buffer[65536];
-    for (;;) {
-        const ssize_t got = ::read(file.Get(), buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
-        if (got < 0) {
-            error = Failure("cannot read", path);
-            return false;
-        }
-        if (got == 0) return true;
-        text.append(buffer, static_cast<size_t>(got));
-        if (text.size() > kMaxFileBytes) {
-            error = path + " is larger than 16 MiB";
-            return false;
-        }
+    switch (ReadBounded(file.Get(), kMaxFileBytes, text)) {
+        case ReadEnd::Complete: return true;
+        case ReadEnd::TooLarge: error = path + " is larger than 16 MiB"; return false;
+        case ReadEnd::Failed: break;
     }
+    error = Failure("cannot read", path);
+    return false;
 }
 
 bool WriteAll(int fd, const std::string& text) {

@@ -62,6 +62,23 @@ TEST(CredentialsFile, AFileOpenToOthersIsRefused) {
     EXPECT_EQ(CredentialsFile::Load(scratch.Path()).error, "credentials file " + scratch.Path() + " is not a regular file");
 }
 
+TEST(CredentialsFile, AFileOverAMebibyteIsRefused) {
+    ScratchDirectory scratch;
+    const std::string line = "smm01 admin S3cret\n";
+    std::string content = line;
+    while (content.size() < (size_t{1} << 20)) content += "#" + std::string(62, 'x') + "\n";
+    content.resize(size_t{1} << 20);
+    content.back() = '\n';
+    ASSERT_EQ(content.size(), size_t{1} << 20);
+    const CredentialsFile::Loaded exact = CredentialsFile::Load(scratch.Write("exact", content));
+    ASSERT_TRUE(exact.file) << exact.error;
+    EXPECT_EQ(exact.file->PasswordFor("smm01", "admin"), "S3cret");
+    const std::string over = scratch.Write("over", content + "\n");
+    const CredentialsFile::Loaded loaded = CredentialsFile::Load(over);
+    EXPECT_FALSE(loaded.file);
+    EXPECT_EQ(loaded.error, "credentials file " + over + " is larger than 1 MiB");
+}
+
 std::vector<std::string> WordsOf(const std::string& command) {
     const PasswordCommand::Parsed parsed = PasswordCommand::Parse(command);
     EXPECT_EQ(parsed.error, "") << command;

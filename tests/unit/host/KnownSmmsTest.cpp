@@ -119,6 +119,13 @@ TEST(KnownSmms, UnreadableFilesAreErrors) {
     EXPECT_EQ(change.error, "cannot create known-SMMs directory " + file + "/below: Not a directory");
 }
 
+TEST(KnownSmms, AFileOverSixteenMebibytesIsAnError) {
+    ScratchDirectory scratch;
+    const std::string file = scratch.Write("known", std::string((size_t{16} << 20) + 1, '\n'), 0600);
+    EXPECT_EQ(KnownSmms(file).Find("x").error, file + " is larger than 16 MiB");
+    EXPECT_EQ(KnownSmms(file).Add("x", kPinA, "t").error, file + " is larger than 16 MiB");
+}
+
 // YYYY-MM-DDTHH:MM:SSZ: digits where the form has a 9.
 bool IsUtcStamp(const std::string& text) {
     const std::string form = "9999-99-99T99:99:99Z";
