@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -43,7 +42,9 @@ ReadEnd ReadBounded(int fd, size_t maxBytes, std::string& text) {
     text.clear();
     char buffer[65536];
     while (text.size() <= maxBytes) {
-        const ssize_t got = ::read(fd, buffer, std::min(sizeof buffer, maxBytes + 1 - text.size()));
+        // The byte past the limit is asked for, without overflowing at SIZE_MAX.
+        const size_t left = maxBytes - text.size();
+        const ssize_t got = ::read(fd, buffer, left < sizeof buffer ? left + 1 : sizeof buffer);
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) return ReadEnd::Failed;
         if (got == 0) return ReadEnd::Complete;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <chrono>
 #include <string>
 #include <thread>
@@ -32,6 +33,17 @@ TEST(ReadBounded, ReadsAFileUpToItsLimit) {
     // One byte over is enough to tell, and no more is read.
     EXPECT_EQ(ReadBounded(Open(scratch.Write("over", sixteen + "gh")).Get(), 16, text), ReadEnd::TooLarge);
     EXPECT_EQ(text, sixteen + "g");
+}
+
+TEST(ReadBounded, TheLimitsAtBothEnds) {
+    ScratchDirectory scratch;
+    std::string text;
+    EXPECT_EQ(ReadBounded(Open(scratch.Write("empty", "")).Get(), 0, text), ReadEnd::Complete);
+    EXPECT_EQ(text, "");
+    EXPECT_EQ(ReadBounded(Open(scratch.Write("one", "x")).Get(), 0, text), ReadEnd::TooLarge);
+    EXPECT_EQ(text, "x");
+    EXPECT_EQ(ReadBounded(Open(scratch.Write("line", "KEY=VALUE\n")).Get(), SIZE_MAX, text), ReadEnd::Complete);
+    EXPECT_EQ(text, "KEY=VALUE\n");
 }
 
 TEST(ReadBounded, AFileLargerThanOneReadComesWhole) {
