@@ -4,6 +4,9 @@
 #include <string>
 #include <vector>
 
+#include "fleet/Fleet.h"
+#include "host/ExitStatus.h"
+
 namespace MorvelCli {
 
 enum class Action {
@@ -14,7 +17,7 @@ enum class Action {
     ShowConfig,   // morvel [--config FILE] --show-config
 };
 
-enum class OutputFormat { Text, Json };
+using OutputFormat = Fleet::OutputFormat;
 
 // Where targets were given, in the order given: a --bmc value or a --bmc-file name.
 struct TargetSource {
@@ -61,11 +64,11 @@ struct CommandLineError {
     bool missingSubcommand = false;
 };
 
-// Exit statuses of command-line mistakes: a missing or unknown command word is
-// an invalid command, anything wrong with an option an invalid parameter.
-constexpr int kExitInvalidCommand = 4;
-constexpr int kExitInvalidParameter = 5;
-constexpr int kExitInternalError = 17;
+// A missing or unknown command word is an invalid command, anything wrong
+// with an option an invalid parameter.
+using Plexum::kExitInternalError;
+using Plexum::kExitInvalidCommand;
+using Plexum::kExitInvalidParameter;
 
 // `words` is argv as given, program name first. Grammar:
 //   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [OPERAND] [--name VALUE | --name=VALUE | --flag]...

@@ -15,14 +15,14 @@
 #include "cli/ArgvScrub.h"
 #include "cli/CommandLine.h"
 #include "cli/ConfigFiles.h"
-#include "cli/HostLog.h"
-#include "cli/Fleet.h"
 #include "cli/HelpText.h"
+#include "cli/HostLog.h"
 #include "cli/ModuleLoader.h"
 #include "cli/ModuleRun.h"
 #include "cli/PasswordSource.h"
 #include "cli/RunSettings.h"
-#include "cli/TargetList.h"
+#include "fleet/Fleet.h"
+#include "fleet/TargetList.h"
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
 #include "host/MorvelResult.h"
@@ -30,6 +30,10 @@
 #include "host/UserContext.h"
 
 namespace MorvelCli {
+
+using Fleet::TargetError;
+using Fleet::TargetList;
+
 namespace {
 
 const char* Environment(const char* name) {
@@ -250,17 +254,47 @@ int RunModule(const ModuleLoader& loader, const UserContext& context, const std:
     }
     std::ostream& out = result == 0 ? std::cout : std::cerr;
     out << result << std::endl;
-    const int status = ExitStatusForCode(result.code);
+    const int status = Plexum::ExitStatusForCode(result.code);
     PLEXUM_LOG(3, HostLog::kSource, HostLog::kResult) << "result: " << result << " (exit status " << status << ")";
     return status;
 }
 
-}  // namespace
-
-int ExitStatusForCode(int32_t code) {
-    const int low = static_cast<int>(static_cast<uint32_t>(code) & 0xFFFFu);
-    return low < 256 ? low : 255;
+// The password command's answer for a target without a password; false,
+// with the failure in `outcome`, when it gives none.
+bool FetchPassword(const RunSettings& settings, Fleet::Target& target, Fleet::TargetOutcome& outcome) {
+    const PasswordCommand::Answer answer = settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
+    if (!answer.password) {
+        outcome.result = MorvelResult(kExitInvalidParameter);
+        outcome.failure = answer.error;
+        return false;
+    }
+    target.bmc.password = *answer.password;
+    target.bmc.hasPassword = true;
+    return true;
 }
+
+// Every target runs the module's whole behaviour with the run's settings
+// applied to its own run context.
+int RunManyTargets(const ModuleLoader& loader, const UserContext& base, const std::vector<Fleet::Target>& targets,
+                   const CommandLine& line, const RunSettings& settings) {
+    Fleet::FleetOptions options;
+    options.command = line.command;
+    options.subcommand = line.subCommand;
+    options.fanout = line.fanout;
+    options.output = line.output;
+    return Fleet::RunFleet(targets, options, [&](Fleet::Target& target, Fleet::TargetOutcome& outcome) {
+        settings.ApplyTo(Plexum::RunContext::Current(), target);
+        if (!target.bmc.hasPassword && !FetchPassword(settings, target, outcome)) return;
+        UserContext context = base;
+        context.options["bmc"] = target.BmcText();
+        const ModuleOutcome ended = RunModuleOnce(loader, context);
+        outcome.result = ended.result;
+        outcome.failure = ended.failure;
+        // The context holds the target's password inside its options: gone with it.
+    });
+}
+
+}  // namespace
 
 std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
     // A relative XDG_STATE_HOME is ignored, as the XDG base directory rules say.
@@ -344,10 +378,10 @@ int RunCommandLine(int argc, char** argv) {
     if (!CheckSubcommand(line, settings, targets, fleet, caseNote, exitStatus)) return exitStatus;
     if (!ResolvePasswords(line, settings, targets, exitStatus)) return exitStatus;
     UserContext context = MakeContext(line, loader.Path(), argc, argv);
-    if (fleet) return RunFleet(loader, context, targets, line, settings);
+    if (fleet) return RunManyTargets(loader, context, targets, line, settings);
     Target& target = targets.front();
     if (!target.bmc.hasPassword) {
-        const Plexum::PasswordCommand::Answer answer =
+        const MorvelCli::PasswordCommand::Answer answer =
             settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
         if (!answer.password) return Fail(kExitInvalidParameter, answer.error);
         target.bmc.password = *answer.password;

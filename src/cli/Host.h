@@ -9,10 +9,6 @@ namespace MorvelCli {
 // --bmc passwords out of argv before anything else.
 int RunHost(int argc, char** argv);
 
-// 0 when the low 16 bits of the code are 0; else those bits when below 256;
-// else 255.
-int ExitStatusForCode(int32_t code);
-
 // $XDG_STATE_HOME/morvel/morvel.log when XDG_STATE_HOME is an absolute path,
 // else HOME/.local/state/morvel/morvel.log; empty when there is no home.
 std::string DefaultLogFilePath(const char* xdgStateHome, const char* home);

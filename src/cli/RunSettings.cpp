@@ -6,7 +6,7 @@
 #include <map>
 
 #include "host/GlobalConfig.h"
-#include "host/KnownSmms.h"
+#include "trust/KnownSmms.h"
 #include "host/Text.h"
 
 namespace MorvelCli {
@@ -53,7 +53,7 @@ RunSettingsRead Refuse(const std::string& error) {
 void RunSettings::ApplyTo(Plexum::RunContext& run, const Target& target) const {
     run.ChooseProtocols(protocols);
     Plexum::TrustSettings forTarget = trust;
-    forTarget.key = Plexum::KnownSmms::Key(target.bmc.host, target.bmc.ipv6, target.bmc.port);
+    forTarget.key = Trust::KnownSmms::Key(target.bmc.host, target.bmc.ipv6, target.bmc.port);
     run.SetTrust(std::move(forTarget));
 }
 
@@ -82,7 +82,7 @@ RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHom
     }
     settings.trust.knownSmms = Chosen(line, "known-smms", "REDFISH_KNOWN_SMMS", from);
     if (!from.empty() && settings.trust.knownSmms.empty()) return Refuse(from + " needs a file name");
-    if (from.empty()) settings.trust.knownSmms = Plexum::KnownSmms::DefaultPath(xdgStateHome, home);
+    if (from.empty()) settings.trust.knownSmms = Trust::KnownSmms::DefaultPath(xdgStateHome, home);
     const bool pins = settings.trust.verify == Plexum::TlsVerify::Pin || settings.trust.verify == Plexum::TlsVerify::Tofu;
     if (pins && settings.trust.knownSmms.empty()) {
         return Refuse("no place for the known-SMMs file: there is no home; give --known-smms FILE");
@@ -91,16 +91,16 @@ RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHom
     const auto file = line.options.find("credentials-file");
     const char* const fileFromEnvironment = Environment("MORVEL_CREDENTIALS_FILE");
     if (file != line.options.end() || fileFromEnvironment != nullptr) {
-        Plexum::CredentialsFile::Loaded loaded =
-            Plexum::CredentialsFile::Load(file != line.options.end() ? file->second : fileFromEnvironment);
+        MorvelCli::CredentialsFile::Loaded loaded =
+            MorvelCli::CredentialsFile::Load(file != line.options.end() ? file->second : fileFromEnvironment);
         if (!loaded.file) return Refuse(loaded.error);
         settings.credentials = std::move(loaded.file);
     }
     const auto command = line.options.find("password-command");
     const char* const commandFromEnvironment = Environment("MORVEL_PASSWORD_COMMAND");
     if (command != line.options.end() || commandFromEnvironment != nullptr) {
-        Plexum::PasswordCommand::Parsed parsed =
-            Plexum::PasswordCommand::Parse(command != line.options.end() ? command->second : commandFromEnvironment);
+        MorvelCli::PasswordCommand::Parsed parsed =
+            MorvelCli::PasswordCommand::Parse(command != line.options.end() ? command->second : commandFromEnvironment);
         if (!parsed.command) return Refuse(parsed.error);
         settings.passwordCommand = std::move(parsed.command);
     }

@@ -4,11 +4,13 @@
 #include <string>
 
 #include "cli/CommandLine.h"
-#include "cli/TargetList.h"
-#include "host/Credentials.h"
+#include "cli/Credentials.h"
+#include "fleet/TargetList.h"
 #include "host/RunContext.h"
 
 namespace MorvelCli {
+
+using Fleet::Target;
 
 // What every target of a run is run with, beyond its --bmc: the protocols it
 // may use, how its Redfish certificate is trusted, and where passwords not
@@ -23,8 +25,8 @@ namespace MorvelCli {
 struct RunSettings {
     Plexum::ProtocolChoice protocols = Plexum::ProtocolChoice::Auto;
     Plexum::TrustSettings trust;  // its key is set per target
-    std::optional<Plexum::CredentialsFile> credentials;
-    std::optional<Plexum::PasswordCommand> passwordCommand;
+    std::optional<MorvelCli::CredentialsFile> credentials;
+    std::optional<MorvelCli::PasswordCommand> passwordCommand;
 
     // Installs the protocol choice and trust settings of `target` into `run`.
     void ApplyTo(Plexum::RunContext& run, const Target& target) const;

@@ -1,6 +1,7 @@
 #include "host/MorvelResult.h"
 
 #include "common/result/Result.h"
+#include "host/ExitStatus.h"
 
 namespace {
 int32_t Low16(int32_t code) { return code & 0xFFFF; }
@@ -20,3 +21,12 @@ bool operator!=(const MorvelResult& left, int32_t code) { return !(left == code)
 std::ostream& operator<<(std::ostream& out, const MorvelResult& result) {
     return out << static_cast<uint32_t>(Low16(result.code)) << ' ' << result.Message();
 }
+
+namespace Plexum {
+
+int ExitStatusForCode(int32_t code) {
+    const int low = static_cast<int>(static_cast<uint32_t>(code) & 0xFFFFu);
+    return low < 256 ? low : 255;
+}
+
+}  // namespace Plexum

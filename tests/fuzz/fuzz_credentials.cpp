@@ -8,7 +8,7 @@
 #include <string>
 
 #include "FuzzSupport.h"
-#include "host/Credentials.h"
+#include "cli/Credentials.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // Ranges are the grammar's business, not the fuzzer's time: keep inputs short.
@@ -17,7 +17,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const size_t nul = input.find('\0');
     const std::string text = input.substr(0, nul);
     const std::string host = nul == std::string::npos ? "smm01" : input.substr(nul + 1);
-    const Plexum::CredentialsFile::Loaded loaded = Plexum::CredentialsFile::Parse(text, "creds");
+    const MorvelCli::CredentialsFile::Loaded loaded = MorvelCli::CredentialsFile::Parse(text, "creds");
     if (!loaded.file) {
         FUZZ_CHECK(loaded.error.compare(0, 6, "creds:") == 0 && loaded.error.find('\n') == std::string::npos);
         return 0;

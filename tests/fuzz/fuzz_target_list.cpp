@@ -12,7 +12,7 @@
 #include <string>
 
 #include "FuzzSupport.h"
-#include "cli/TargetList.h"
+#include "fleet/TargetList.h"
 
 namespace {
 
@@ -24,9 +24,9 @@ bool HasControl(const std::string& text) {
     return false;
 }
 
-void CheckTargets(const MorvelCli::TargetList& list) {
-    FUZZ_CHECK(list.Targets().size() <= MorvelCli::TargetList::kMaxTargets);
-    for (const MorvelCli::Target& target : list.Targets()) {
+void CheckTargets(const Fleet::TargetList& list) {
+    FUZZ_CHECK(list.Targets().size() <= Fleet::TargetList::kMaxTargets);
+    for (const Fleet::Target& target : list.Targets()) {
         Plexum::BmcTarget again;
         std::string error;
         FUZZ_CHECK(Plexum::ParseBmcTarget(target.BmcText(), again, error));
@@ -37,7 +37,7 @@ void CheckTargets(const MorvelCli::TargetList& list) {
 }
 
 // Adds and checks: a refused text leaves the list as it was.
-void Add(MorvelCli::TargetList& list, bool file, const std::string& text) {
+void Add(Fleet::TargetList& list, bool file, const std::string& text) {
     const size_t before = list.Targets().size();
     std::istringstream stream(text);
     const auto error = file ? list.AddText(stream, "fuzz.txt", true) : list.AddValue(text, "--bmc");
@@ -55,7 +55,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size > 4096) return 0;
     const std::string input(reinterpret_cast<const char*>(data), size);
     const size_t nul = input.find('\0');
-    MorvelCli::TargetList list;
+    Fleet::TargetList list;
     Add(list, false, input.substr(0, nul));
     if (nul != std::string::npos) Add(list, true, input.substr(nul + 1));
 
@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     list.RemoveRepeats();
     FUZZ_CHECK(list.Targets().size() <= before);
     std::set<std::string> seen;
-    for (const MorvelCli::Target& target : list.Targets()) {
+    for (const Fleet::Target& target : list.Targets()) {
         std::string host = target.bmc.host;
         for (char& c : host) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
         if (!target.bmc.ipv6) FUZZ_CHECK(seen.insert(host + " " + std::to_string(target.bmc.port)).second);

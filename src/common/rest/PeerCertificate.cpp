@@ -1,26 +1,18 @@
 #include "common/rest/PeerCertificate.h"
 
 #include <curl/curl.h>
-#include <openssl/evp.h>
-#include <openssl/pem.h>
-#include <openssl/x509.h>
 
 #include <cstring>
 #include <memory>
 
 #include "common/rest/RestClient.h"
+#include "trust/Pin.h"
 
 namespace Rest {
 namespace {
 
 struct CurlFree {
     void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
-};
-struct BioFree {
-    void operator()(BIO* bio) const { BIO_free(bio); }
-};
-struct X509Free {
-    void operator()(X509* certificate) const { X509_free(certificate); }
 };
 
 // The value of a "Name:value" item of libcurl's certificate information.
@@ -33,24 +25,6 @@ std::string Field(const curl_slist* items, const char* name) {
 }
 
 }  // namespace
-
-std::string PinOfPem(const std::string& pem) {
-    const std::unique_ptr<BIO, BioFree> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
-    if (!bio) return std::string();
-    const std::unique_ptr<X509, X509Free> certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
-    if (!certificate) return std::string();
-    unsigned char* der = nullptr;
-    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate.get()), &der);
-    if (length <= 0) return std::string();
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int digestLength = 0;
-    const int hashed = EVP_Digest(der, static_cast<size_t>(length), digest, &digestLength, EVP_sha256(), nullptr);
-    OPENSSL_free(der);
-    if (hashed != 1) return std::string();
-    unsigned char encoded[64];
-    const int encodedLength = EVP_EncodeBlock(encoded, digest, static_cast<int>(digestLength));
-    return "sha256//" + std::string(reinterpret_cast<const char*>(encoded), static_cast<size_t>(encodedLength));
-}
 
 PeerCertificateRead ReadPeerCertificate(const std::string& urlHost, int port, int32_t timeoutSeconds) {
     PeerCertificateRead read;
@@ -85,7 +59,7 @@ PeerCertificateRead ReadPeerCertificate(const std::string& urlHost, int port, in
     }
     const curl_slist* items = information->certinfo[0];
     PeerCertificate certificate;
-    certificate.pin = PinOfPem(Field(items, "Cert"));
+    certificate.pin = Trust::PinOfPem(Field(items, "Cert"));
     if (certificate.pin.empty()) {
         read.error = "the server's certificate could not be read";
         return read;

@@ -27,7 +27,4 @@ struct PeerCertificateRead {
 // literal in brackets).
 PeerCertificateRead ReadPeerCertificate(const std::string& urlHost, int port, int32_t timeoutSeconds);
 
-// The pin of a PEM certificate's public key; empty when it is no certificate.
-std::string PinOfPem(const std::string& pem);
-
 }  // namespace Rest

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "common/rest/PeerCertificate.h"
-#include "host/KnownSmms.h"
+#include "trust/KnownSmms.h"
 #include "host/RunContext.h"
 
 namespace Rest {
@@ -66,8 +66,8 @@ RunTrust::RunTrust(const std::string& url) : m_url(url) {
 void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
     const std::string& url = m_url;
 
-    Plexum::KnownSmms store(trust.knownSmms);
-    const Plexum::KnownSmms::Found found = store.Find(trust.key);
+    Trust::KnownSmms store(trust.knownSmms);
+    const Trust::KnownSmms::Found found = store.Find(trust.key);
     if (!found.error.empty()) return Refuse("cannot read the known-SMMs file: " + found.error);
     if (found.entry) {
         m_pin = found.entry->pin;
@@ -89,14 +89,14 @@ void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
         m_refusal = Response(read.curlCode != 0 ? read.curlCode : CURLE_SSL_CONNECT_ERROR, -1, read.error);
         return;
     }
-    const std::string now = Plexum::KnownSmms::UtcNow();
-    const Plexum::KnownSmms::Change added = store.Add(trust.key, read.certificate->pin, now);
-    if (added.outcome == Plexum::KnownSmms::Outcome::Failed) {
+    const std::string now = Trust::KnownSmms::UtcNow();
+    const Trust::KnownSmms::Change added = store.Add(trust.key, read.certificate->pin, now);
+    if (added.outcome == Trust::KnownSmms::Outcome::Failed) {
         return Refuse("cannot record the pin of " + Where() + ": " + added.error);
     }
     // Another run may have recorded it a moment ago: its pin is the one that counts.
     m_pin = added.pin;
-    if (added.outcome == Plexum::KnownSmms::Outcome::Added) {
+    if (added.outcome == Trust::KnownSmms::Outcome::Added) {
         m_firstSeen = now;
     } else if (const auto entry = store.Find(trust.key).entry) {
         m_firstSeen = entry->firstSeen;

@@ -46,13 +46,13 @@ MorvelResult TrustApp::init(const UserContext& context) {
     m_label = target;
     m_urlHost = parsed.ipv6 ? "[" + parsed.host + "]" : parsed.host;
     m_port = parsed.port;
-    m_key = Plexum::KnownSmms::Key(parsed.host, parsed.ipv6, parsed.port);
+    m_key = Trust::KnownSmms::Key(parsed.host, parsed.ipv6, parsed.port);
     m_knownSmmsPath = Option("known-smms");
     if (m_knownSmmsPath.empty() && Plexum::GlobalConfig::GetConfigItem("REDFISH_KNOWN_SMMS", m_knownSmmsPath) == 0) {
         m_knownSmmsPath = Plexum::Trim(m_knownSmmsPath);
     }
     if (m_knownSmmsPath.empty()) {
-        m_knownSmmsPath = Plexum::KnownSmms::DefaultPath(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+        m_knownSmmsPath = Trust::KnownSmms::DefaultPath(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
     }
     if (m_knownSmmsPath.empty()) {
         Complain("trust: no place for the known-SMMs file: there is no home; give --known-smms FILE");
@@ -76,8 +76,8 @@ int32_t TrustApp::Show(bool andAdd) {
         return RESULT_CONNECTION_FAILED;
     }
     const Rest::PeerCertificate& certificate = *read.certificate;
-    Plexum::KnownSmms store(m_knownSmmsPath);
-    const Plexum::KnownSmms::Found found = store.Find(m_key);
+    Trust::KnownSmms store(m_knownSmmsPath);
+    const Trust::KnownSmms::Found found = store.Find(m_key);
     if (!found.error.empty()) {
         Complain("trust: " + found.error);
         return RESULT_GENERIC_FAILURE;
@@ -107,14 +107,14 @@ int32_t TrustApp::Show(bool andAdd) {
         !Confirm("Record this pin for " + m_label + " in " + m_knownSmmsPath + "? [y/N] ", refusal)) {
         return refusal;
     }
-    const Plexum::KnownSmms::Change added = store.Add(m_key, certificate.pin, Plexum::KnownSmms::UtcNow());
+    const Trust::KnownSmms::Change added = store.Add(m_key, certificate.pin, Trust::KnownSmms::UtcNow());
     switch (added.outcome) {
-        case Plexum::KnownSmms::Outcome::Added:
+        case Trust::KnownSmms::Outcome::Added:
             Say("recorded " + m_key + " " + certificate.pin + " in " + m_knownSmmsPath);
             return RESULT_SUCCEED;
-        case Plexum::KnownSmms::Outcome::AlreadyThere:
+        case Trust::KnownSmms::Outcome::AlreadyThere:
             return RESULT_SUCCEED;
-        case Plexum::KnownSmms::Outcome::Different:
+        case Trust::KnownSmms::Outcome::Different:
             Complain("trust: another pin was recorded for " + m_label + " meanwhile: " + added.pin);
             return RESULT_GENERIC_FAILURE;
         default:
@@ -146,13 +146,13 @@ bool TrustApp::Confirm(const std::string& question, int32_t& refusal) const {
 }
 
 int32_t TrustApp::Remove() {
-    Plexum::KnownSmms store(m_knownSmmsPath);
-    const Plexum::KnownSmms::Change removed = store.Remove(m_key);
+    Trust::KnownSmms store(m_knownSmmsPath);
+    const Trust::KnownSmms::Change removed = store.Remove(m_key);
     switch (removed.outcome) {
-        case Plexum::KnownSmms::Outcome::Removed:
+        case Trust::KnownSmms::Outcome::Removed:
             Say("removed " + m_key + " " + removed.pin + " from " + m_knownSmmsPath);
             return RESULT_SUCCEED;
-        case Plexum::KnownSmms::Outcome::Absent:
+        case Trust::KnownSmms::Outcome::Absent:
             Complain("trust: no pin is recorded for " + m_label + " in " + m_knownSmmsPath);
             return RESULT_GENERIC_FAILURE;
         default:

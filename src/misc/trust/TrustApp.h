@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <string>
 
-#include "host/KnownSmms.h"
+#include "trust/KnownSmms.h"
 #include "host/MorvelResult.h"
 #include "host/basic_app.h"
 

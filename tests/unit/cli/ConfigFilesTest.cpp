@@ -4,7 +4,7 @@
 
 #include <sstream>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include "TestFiles.h"
 #include "cli/Host.h"
+#include "support/TestFiles.h"
 
 namespace {
 
@@ -114,19 +114,6 @@ TEST(ModuleLoader, ModuleWithoutCreateInstance) {
     EXPECT_EQ(failure.exitStatus, 17);
     EXPECT_EQ(failure.message,
               "module " + std::string(TEST_MODULE_DIR) + "/libmorvel_nocreate.so does not export create_instance");
-}
-
-TEST(HostHelpers, ExitStatusForCode) {
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(0), 0);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(0x10000), 0);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(5), 5);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(0x180071), 113);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(255), 255);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(256), 255);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(2054), 255);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(0x2000100), 255);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(-1), 255);
-    EXPECT_EQ(MorvelCli::ExitStatusForCode(-65536), 0);
 }
 
 TEST(HostHelpers, DefaultLogFilePath) {

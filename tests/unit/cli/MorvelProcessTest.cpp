@@ -8,9 +8,9 @@
 #include <sstream>
 
 #include "ProcessRunner.h"
-#include "TestFiles.h"
 #include "cli/ConfigFiles.h"
 #include "cli/HelpText.h"
+#include "support/TestFiles.h"
 
 namespace {
 

@@ -13,7 +13,7 @@
 #include <future>
 #include <thread>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 

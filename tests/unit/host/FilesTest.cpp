@@ -10,7 +10,7 @@
 #include <string>
 #include <thread>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "common/result/ResultCodes.h"
+#include "host/ExitStatus.h"
 
 namespace {
 
@@ -58,6 +59,19 @@ TEST(MorvelResult, Defaults) {
     const MorvelResult result;
     EXPECT_EQ(result.code, 0);
     EXPECT_EQ(result.message, "");
+}
+
+TEST(ExitStatus, ForCode) {
+    EXPECT_EQ(Plexum::ExitStatusForCode(0), 0);
+    EXPECT_EQ(Plexum::ExitStatusForCode(0x10000), 0);
+    EXPECT_EQ(Plexum::ExitStatusForCode(5), 5);
+    EXPECT_EQ(Plexum::ExitStatusForCode(0x180071), 113);
+    EXPECT_EQ(Plexum::ExitStatusForCode(255), 255);
+    EXPECT_EQ(Plexum::ExitStatusForCode(256), 255);
+    EXPECT_EQ(Plexum::ExitStatusForCode(2054), 255);
+    EXPECT_EQ(Plexum::ExitStatusForCode(0x2000100), 255);
+    EXPECT_EQ(Plexum::ExitStatusForCode(-1), 255);
+    EXPECT_EQ(Plexum::ExitStatusForCode(-65536), 0);
 }
 
 }  // namespace

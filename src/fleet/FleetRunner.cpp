@@ -1,25 +1,20 @@
-#include "cli/FleetRunner.h"
+#include "fleet/FleetRunner.h"
 
 #include <algorithm>
 #include <chrono>
 
-#include "cli/CommandLine.h"
-#include "cli/HostLog.h"
-#include "cli/ModuleRun.h"
+#include "fleet/FleetLog.h"
+#include "host/Clock.h"
 #include "host/Log.h"
+#include "host/Text.h"
 
-namespace MorvelCli {
-namespace {
+namespace Fleet {
 
-int64_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
+using Plexum::MillisecondsSince;
+using Plexum::Printable;
 
-}  // namespace
-
-FleetRunner::FleetRunner(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-                         const RunSettings& settings, unsigned fanout, Plexum::StopSignal& stop)
-    : m_loader(loader), m_base(base), m_targets(targets), m_settings(settings), m_fanout(fanout), m_stop(stop) {}
+FleetRunner::FleetRunner(const std::vector<Target>& targets, unsigned fanout, Plexum::StopSignal& stop, RunTarget run)
+    : m_targets(targets), m_fanout(fanout), m_stop(stop), m_run(std::move(run)) {}
 
 FleetRunner::~FleetRunner() { Join(); }
 
@@ -66,7 +61,7 @@ void FleetRunner::Work() {
             }
             ++m_counts.running;
         }
-        TargetOutcome outcome = RunTarget(index);
+        TargetOutcome outcome = RunOne(index);
         std::lock_guard<std::mutex> lock(m_finishedMutex);
         --m_counts.running;
         ++m_counts.done;
@@ -76,38 +71,29 @@ void FleetRunner::Work() {
     if (--m_workersLeft == 0 && m_allDone) m_allDone();
 }
 
-TargetOutcome FleetRunner::RunTarget(size_t index) {
+TargetOutcome FleetRunner::RunOne(size_t index) {
     Target target = m_targets[index];
     const auto start = std::chrono::steady_clock::now();
     TargetOutcome outcome;
     outcome.index = index;
     Plexum::RunContext run(target.label, &m_stop);
-    m_settings.ApplyTo(run, target);
     {
         Plexum::ScopedRunContext installed(run);
-        PLEXUM_LOG(3, HostLog::kSource, HostLog::kTarget)
+        PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kTarget)
             << "target " << Printable(target.bmc.host) << " port " << target.bmc.port << " user "
             << Printable(target.bmc.user);
-        if (!target.bmc.hasPassword && !FetchPassword(target, outcome)) {
-            outcome.elapsedMs = MillisecondsSince(start);
-            return outcome;
-        }
-        UserContext context = m_base;
-        context.options["bmc"] = target.BmcText();
         try {
-            ModuleOutcome ended = RunModuleOnce(m_loader, context);
-            outcome.result = ended.result;
-            outcome.failure = ended.failure;
-            if (!ended.failure.empty()) {
-                PLEXUM_LOG(1, HostLog::kSource, HostLog::kModuleFailure) << ended.failure;
+            m_run(target, outcome);
+            if (!outcome.failure.empty()) {
+                PLEXUM_LOG(1, FleetLog::kSource, FleetLog::kModuleFailure) << outcome.failure;
             }
-            PLEXUM_LOG(3, HostLog::kSource, HostLog::kResult) << "result: " << outcome.result;
+            PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kResult) << "result: " << outcome.result;
         } catch (const Plexum::RunInterrupted&) {
             outcome.interrupted = true;
-            PLEXUM_LOG(2, HostLog::kSource, HostLog::kInterrupted)
+            PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kInterrupted)
                 << "interrupted" << (run.ChangeSent() ? " after a change was sent" : "");
         }
-        // The context holds the target's password inside its options: gone with it.
+        // The target's copy holds its password: gone with it.
     }
     outcome.changeSent = run.ChangeSent();
     outcome.protocol = run.ServedBy();
@@ -117,18 +103,4 @@ TargetOutcome FleetRunner::RunTarget(size_t index) {
     return outcome;
 }
 
-bool FleetRunner::FetchPassword(Target& target, TargetOutcome& outcome) const {
-    const Plexum::PasswordCommand::Answer answer =
-        m_settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
-    if (!answer.password) {
-        outcome.result = MorvelResult(kExitInvalidParameter);
-        outcome.failure = answer.error;
-        PLEXUM_LOG(1, HostLog::kSource, HostLog::kModuleFailure) << answer.error;
-        return false;
-    }
-    target.bmc.password = *answer.password;
-    target.bmc.hasPassword = true;
-    return true;
-}
-
-}  // namespace MorvelCli
+}  // namespace Fleet

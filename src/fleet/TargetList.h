@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "fleet/HostRange.h"
 #include "host/BmcTarget.h"
-#include "host/HostRange.h"
 
-namespace MorvelCli {
+namespace Fleet {
 
 // One SMM of a run: its credentials and address, and the label that names it
 // in output: the host as written after range expansion (an IPv6 literal in
@@ -36,7 +36,7 @@ struct TargetError {
 // the written lower bound. Brackets that hold a ':' are an IPv6 literal.
 class TargetList {
 public:
-    static constexpr size_t kMaxTargets = Plexum::kMaxExpandedHosts;
+    static constexpr size_t kMaxTargets = Fleet::kMaxExpandedHosts;
     // A target file's line is one target, not a document.
     static constexpr size_t kMaxLineBytes = 65536;
 
@@ -61,4 +61,4 @@ private:
     std::vector<std::string> m_warnings;
 };
 
-}  // namespace MorvelCli
+}  // namespace Fleet

@@ -1,4 +1,4 @@
-#include "cli/TargetList.h"
+#include "fleet/TargetList.h"
 
 #include <arpa/inet.h>
 #include <sys/stat.h>
@@ -13,10 +13,13 @@
 #include <set>
 #include <utility>
 
-#include "cli/CommandLine.h"
-#include "host/HostRange.h"
+#include "fleet/HostRange.h"
+#include "host/Text.h"
 
-namespace MorvelCli {
+namespace Fleet {
+
+using Plexum::Printable;
+
 namespace {
 
 TargetError ItemError(const std::string& item, const std::string& reason) {
@@ -84,7 +87,7 @@ std::optional<TargetError> TargetList::AddValue(const std::string& value, const 
     }
     const std::string hosts = value.substr(at + 1);
     std::vector<std::string> items;
-    if (auto error = Plexum::ExpandHostList(hosts, kMaxTargets - m_targets.size(), items)) {
+    if (auto error = Fleet::ExpandHostList(hosts, kMaxTargets - m_targets.size(), items)) {
         return From(origin, error->message);
     }
     std::vector<Target> added;
@@ -152,4 +155,4 @@ void TargetList::RemoveRepeats() {
     m_targets = std::move(kept);
 }
 
-}  // namespace MorvelCli
+}  // namespace Fleet

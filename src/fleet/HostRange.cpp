@@ -1,11 +1,14 @@
-#include "host/HostRange.h"
+#include "fleet/HostRange.h"
 
 #include <algorithm>
 #include <utility>
 
 #include "host/Text.h"
 
-namespace Plexum {
+namespace Fleet {
+
+using Plexum::Printable;
+
 namespace {
 
 // A range number is a host name's digits, not arithmetic: nine digits at most.
@@ -141,4 +144,4 @@ std::optional<HostRangeError> ExpandHostList(const std::string& hosts, size_t ro
     return std::nullopt;
 }
 
-}  // namespace Plexum
+}  // namespace Fleet

@@ -1,4 +1,4 @@
-#include "cli/FleetReport.h"
+#include "fleet/FleetReport.h"
 
 #include <rapidjson/encodings.h>
 #include <rapidjson/memorystream.h>
@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <sstream>
 
-namespace MorvelCli {
+namespace Fleet {
 namespace {
 
 std::string Joined(const std::vector<Target>& targets, const std::vector<size_t>& indices) {
@@ -281,4 +281,4 @@ void JsonLinesReport::Finish(const FleetSummary& summary, int64_t elapsedMs) {
     m_out << buffer.GetString() << '\n' << std::flush;
 }
 
-}  // namespace MorvelCli
+}  // namespace Fleet

@@ -1,4 +1,4 @@
-#include "cli/FleetReport.h"
+#include "fleet/FleetReport.h"
 
 #include <gtest/gtest.h>
 
@@ -6,11 +6,11 @@
 
 namespace {
 
-using MorvelCli::FleetSummary;
-using MorvelCli::JsonLinesReport;
-using MorvelCli::Target;
-using MorvelCli::TargetOutcome;
-using MorvelCli::TextReport;
+using Fleet::FleetSummary;
+using Fleet::JsonLinesReport;
+using Fleet::Target;
+using Fleet::TargetOutcome;
+using Fleet::TextReport;
 
 std::vector<Target> Targets(const std::vector<std::string>& values) {
     std::vector<Target> targets;
@@ -41,7 +41,7 @@ const std::vector<Plexum::ConsoleLine> kQueryBlock = {
 };
 
 TEST(OutputLines, EachLineEndSplitsAConsoleText) {
-    const auto lines = MorvelCli::OutputLines({{false, "a\n"}, {true, "\nb\nc"}, {false, ""}});
+    const auto lines = Fleet::OutputLines({{false, "a\n"}, {true, "\nb\nc"}, {false, ""}});
     ASSERT_EQ(lines.size(), 6u);
     const std::vector<std::pair<bool, std::string>> expected = {{false, "a"}, {false, ""}, {true, ""},
                                                                 {true, "b"},  {true, "c"}, {false, ""}};

@@ -8,20 +8,17 @@
 #include <thread>
 #include <vector>
 
-#include "cli/ModuleLoader.h"
-#include "cli/RunSettings.h"
-#include "cli/TargetList.h"
+#include "fleet/TargetList.h"
 #include "host/MorvelResult.h"
 #include "host/RunContext.h"
-#include "host/UserContext.h"
 
-namespace MorvelCli {
+namespace Fleet {
 
 // How the run over one target ended.
 struct TargetOutcome {
     size_t index = 0;  // the target's place in the run's list
     MorvelResult result;
-    std::string failure;       // the host could not run the module to its end (result is then 17)
+    std::string failure;       // the host could not run the target to its end: why, in one line
     bool interrupted = false;  // stopped at a wait; `result` means nothing then
     bool changeSent = false;
     Plexum::Protocol protocol = Plexum::Protocol::None;
@@ -32,16 +29,21 @@ struct TargetOutcome {
     bool Succeeded() const { return !interrupted && result == 0; }
 };
 
-// Runs the module once per target on a pool of at most `fanout` threads: each
+// Runs one target's whole behaviour on the calling thread, with the target's
+// run context installed for it (Plexum::RunContext::Current()). It fills the
+// outcome's `result`, and `failure` when it could not run the target to its
+// end; Plexum::RunInterrupted passes through it.
+using RunTarget = std::function<void(Target& target, TargetOutcome& outcome)>;
+
+// Runs every target through `run` on a pool of at most `fanout` threads: each
 // takes the next target as soon as it is free, so a slow SMM holds up no other.
-// Every target runs the module's whole behaviour with a run context of its own.
-// Once `stop` is requested no target starts, and running ones end at their next wait.
+// Every target runs with a run context of its own. Once `stop` is requested no
+// target starts, and running ones end at their next wait.
 class FleetRunner {
 public:
     using Finished = std::function<void(TargetOutcome&&)>;
 
-    FleetRunner(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-                const RunSettings& settings, unsigned fanout, Plexum::StopSignal& stop);
+    FleetRunner(const std::vector<Target>& targets, unsigned fanout, Plexum::StopSignal& stop, RunTarget run);
     ~FleetRunner();
     FleetRunner(const FleetRunner&) = delete;
     FleetRunner& operator=(const FleetRunner&) = delete;
@@ -65,17 +67,12 @@ public:
 
 private:
     void Work();
-    TargetOutcome RunTarget(size_t index);
-    // The password command's answer for a target without a password; false,
-    // with the failure in `outcome`, when it gives none.
-    bool FetchPassword(Target& target, TargetOutcome& outcome) const;
+    TargetOutcome RunOne(size_t index);
 
-    const ModuleLoader& m_loader;
-    const UserContext& m_base;
     const std::vector<Target>& m_targets;
-    const RunSettings& m_settings;
     unsigned m_fanout;
     Plexum::StopSignal& m_stop;
+    RunTarget m_run;
     Finished m_finished;
     std::function<void()> m_allDone;
     mutable std::mutex m_finishedMutex;
@@ -86,4 +83,4 @@ private:
     std::vector<std::thread> m_workers;
 };
 
-}  // namespace MorvelCli
+}  // namespace Fleet

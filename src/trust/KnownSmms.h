@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-namespace Plexum {
+namespace Trust {
 
 // The known-SMMs file: one line per SMM, "HOST[:PORT] sha256//BASE64 FIRST-SEEN-UTC",
 // the pin being the SHA-256 of the DER SubjectPublicKeyInfo of the SMM's key, as
@@ -61,4 +61,4 @@ private:
     std::string m_path;
 };
 
-}  // namespace Plexum
+}  // namespace Trust

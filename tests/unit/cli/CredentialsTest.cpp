@@ -1,15 +1,15 @@
-#include "host/Credentials.h"
+#include "cli/Credentials.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 
-using Plexum::CredentialsFile;
-using Plexum::PasswordCommand;
+using MorvelCli::CredentialsFile;
+using MorvelCli::PasswordCommand;
 
 CredentialsFile Parsed(const std::string& text) {
     CredentialsFile::Loaded loaded = CredentialsFile::Parse(text, "creds");

@@ -1,4 +1,4 @@
-#include "host/KnownSmms.h"
+#include "trust/KnownSmms.h"
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -8,12 +8,12 @@
 #include <set>
 #include <thread>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 
-using Plexum::KnownSmms;
-using Outcome = Plexum::KnownSmms::Outcome;
+using Trust::KnownSmms;
+using Outcome = Trust::KnownSmms::Outcome;
 
 const std::string kPinA = "sha256//" + std::string(43, 'A') + "=";
 const std::string kPinB = "sha256//" + std::string(42, 'b') + "+=";

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "cli/FleetRunner.h"
-#include "cli/TargetList.h"
+#include "fleet/FleetRunner.h"
+#include "fleet/TargetList.h"
 
-namespace MorvelCli {
+namespace Fleet {
 
 // The lines a target's console output shows: each console text split at its
 // line ends, with the stream it goes to.
@@ -95,4 +95,4 @@ private:
     std::string m_subcommand;
 };
 
-}  // namespace MorvelCli
+}  // namespace Fleet

@@ -1,15 +1,15 @@
-#include "cli/TargetList.h"
+#include "fleet/TargetList.h"
 
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "TestFiles.h"
+#include "support/TestFiles.h"
 
 namespace {
 
-using MorvelCli::Target;
-using MorvelCli::TargetList;
+using Fleet::Target;
+using Fleet::TargetList;
 
 std::vector<std::string> Labels(const TargetList& list) {
     std::vector<std::string> labels;

@@ -1,4 +1,4 @@
-#include "host/Credentials.h"
+#include "cli/Credentials.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -14,13 +14,22 @@
 #include <sstream>
 #include <thread>
 
+#include "fleet/HostRange.h"
 #include "host/Files.h"
-#include "host/HostRange.h"
 #include "host/Text.h"
 
 extern char** environ;
 
-namespace Plexum {
+namespace MorvelCli {
+
+using Fleet::ExpandHostList;
+using Fleet::kMaxExpandedHosts;
+using Plexum::Lower;
+using Plexum::ReadBounded;
+using Plexum::ReadEnd;
+using Plexum::Trim;
+using Plexum::UniqueFd;
+
 namespace {
 
 // A credentials file is a few lines per site; anything far larger is a mistake.
@@ -270,4 +279,4 @@ PasswordCommand::Answer PasswordCommand::Run(const std::string& host, int port, 
     return answer;
 }
 
-}  // namespace Plexum
+}  // namespace MorvelCli

@@ -1,4 +1,4 @@
-#include "host/KnownSmms.h"
+#include "trust/KnownSmms.h"
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -14,7 +14,14 @@
 #include "host/Files.h"
 #include "host/Text.h"
 
-namespace Plexum {
+namespace Trust {
+
+using Plexum::Lower;
+using Plexum::MakeParentDirectories;
+using Plexum::ReadBounded;
+using Plexum::ReadEnd;
+using Plexum::UniqueFd;
+
 namespace {
 
 // A file of pins is a few lines per SMM; anything far larger is not one.
@@ -235,4 +242,4 @@ std::string KnownSmms::UtcNow() {
     return std::string(text, length);
 }
 
-}  // namespace Plexum
+}  // namespace Trust

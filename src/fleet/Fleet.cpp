@@ -1,4 +1,4 @@
-#include "cli/Fleet.h"
+#include "fleet/Fleet.h"
 
 #include <poll.h>
 #include <signal.h>
@@ -18,15 +18,16 @@
 #include <optional>
 #include <string>
 
-#include "cli/FleetReport.h"
-#include "cli/FleetRunner.h"
-#include "cli/Host.h"
-#include "cli/HostLog.h"
+#include "fleet/FleetLog.h"
+#include "fleet/FleetReport.h"
+#include "fleet/FleetRunner.h"
+#include "host/Clock.h"
+#include "host/ExitStatus.h"
 #include "host/Files.h"
 #include "host/Log.h"
 #include "host/RunContext.h"
 
-namespace MorvelCli {
+namespace Fleet {
 namespace {
 
 // SIGINT and SIGTERM as readable events instead of handlers. Blocked for the
@@ -115,10 +116,6 @@ std::string ProgressText(const std::string& title, const FleetRunner::Counts& co
            " elapsed";
 }
 
-int64_t MillisecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
-}
-
 // Raises the open-files limit to what `running` targets at once may need:
 // each holds up to six descriptors (its HTTPS socket and libcurl's wake-up
 // pair; for a host name also the resolver's pair and the files it reads).
@@ -139,51 +136,52 @@ std::optional<std::string> RaiseOpenFileLimit(size_t running) {
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return "cannot raise the open-files limit to " + std::to_string(needed) + ": " + std::strerror(errno);
     }
-    PLEXUM_LOG(3, HostLog::kSource, HostLog::kOpenFileLimit) << "open-files limit raised to " << needed;
+    PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kOpenFileLimit) << "open-files limit raised to " << needed;
     return std::nullopt;
 }
 
-std::unique_ptr<FleetReport> MakeReport(const CommandLine& line, const std::vector<Target>& targets) {
-    if (line.output == OutputFormat::Json) return std::make_unique<JsonLinesReport>(std::cout, targets, line.subCommand);
-    return std::make_unique<TextReport>(std::cout, std::cerr, targets, line.command + " " + line.subCommand,
+std::unique_ptr<FleetReport> MakeReport(const FleetOptions& options, const std::vector<Target>& targets) {
+    if (options.output == OutputFormat::Json) {
+        return std::make_unique<JsonLinesReport>(std::cout, targets, options.subcommand);
+    }
+    return std::make_unique<TextReport>(std::cout, std::cerr, targets, options.command + " " + options.subcommand,
                                         targets.size() >= 2);
 }
 
 }  // namespace
 
-int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vector<Target>& targets,
-             const CommandLine& line, const RunSettings& settings) {
+int RunFleet(const std::vector<Target>& targets, const FleetOptions& options, RunTarget run) {
     const auto start = std::chrono::steady_clock::now();
     InterruptWatch interrupts;
     Plexum::UniqueFd allDone(::eventfd(0, EFD_CLOEXEC));
     if (interrupts.Fd() < 0 || allDone.Get() < 0) {
         std::cerr << "morvel: cannot watch for interrupts" << std::endl;
-        return kExitInternalError;
+        return Plexum::kExitInternalError;
     }
     // FreeIPMI is not set up here: the first IPMI session does it, once, so that
     // a run over Redfish never loads it.
     FillCharacterTable();
-    if (const auto refused = RaiseOpenFileLimit(std::min<size_t>(line.fanout, targets.size()))) {
-        PLEXUM_LOG(1, HostLog::kSource, HostLog::kOpenFileLimit) << *refused;
+    if (const auto refused = RaiseOpenFileLimit(std::min<size_t>(options.fanout, targets.size()))) {
+        PLEXUM_LOG(1, FleetLog::kSource, FleetLog::kOpenFileLimit) << *refused;
         std::cerr << "morvel: " << *refused << std::endl;
-        return kExitInvalidParameter;
+        return Plexum::kExitInvalidParameter;
     }
-    PLEXUM_LOG(3, HostLog::kSource, HostLog::kFleetStart) << targets.size() << " targets, fan-out " << line.fanout;
+    PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kFleetStart) << targets.size() << " targets, fan-out " << options.fanout;
 
-    std::unique_ptr<FleetReport> report = MakeReport(line, targets);
+    std::unique_ptr<FleetReport> report = MakeReport(options, targets);
     FleetSummary summary(targets.size());
     ProgressLine progress(targets.size() >= 2 && ::isatty(STDERR_FILENO) == 1);
     std::mutex output;
     int singleStatus = 0;
     Plexum::StopSignal stop;
-    FleetRunner runner(loader, base, targets, settings, line.fanout, stop);
+    FleetRunner runner(targets, options.fanout, stop, std::move(run));
     runner.Start(
         [&](TargetOutcome&& outcome) {
             std::lock_guard<std::mutex> lock(output);
             progress.Clear();
             report->TargetEnded(outcome);
             summary.Add(outcome);
-            singleStatus = ExitStatusForCode(outcome.result.code);
+            singleStatus = Plexum::ExitStatusForCode(outcome.result.code);
         },
         [&] {
             const uint64_t one = 1;
@@ -206,7 +204,7 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
             }
             if (stoppedBy == 0 && number != 0) {
                 stoppedBy = number;
-                PLEXUM_LOG(2, HostLog::kSource, HostLog::kStopSignal) << "signal " << number << ": no target starts any more";
+                PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kStopSignal) << "signal " << number << ": no target starts any more";
                 stop.Request();
             }
         }
@@ -214,12 +212,13 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
         // Read before taking the output lock: a finishing target holds the runner's lock while it writes.
         const FleetRunner::Counts counts = runner.Now();
         std::lock_guard<std::mutex> lock(output);
-        progress.Draw(ProgressText(line.command + " " + line.subCommand, counts, targets.size(), MillisecondsSince(start)));
+        progress.Draw(ProgressText(options.command + " " + options.subcommand, counts, targets.size(),
+                                   Plexum::MillisecondsSince(start)));
     }
     runner.Join();
     summary.SetNotStarted(runner.NotStarted());
     progress.Clear();
-    report->Finish(summary, MillisecondsSince(start));
+    report->Finish(summary, Plexum::MillisecondsSince(start));
 
     int status = 0;
     if (stoppedBy != 0) {
@@ -229,9 +228,9 @@ int RunFleet(const ModuleLoader& loader, const UserContext& base, const std::vec
     } else {
         status = summary.Succeeded() == targets.size() ? 0 : 1;
     }
-    PLEXUM_LOG(3, HostLog::kSource, HostLog::kFleetEnd) << summary.Succeeded() << " of " << targets.size()
+    PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kFleetEnd) << summary.Succeeded() << " of " << targets.size()
                                      << " targets succeeded (exit status " << status << ")";
     return status;
 }
 
-}  // namespace MorvelCli
+}  // namespace Fleet

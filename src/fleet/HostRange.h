@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace Plexum {
+namespace Fleet {
 
 // Host lists with ranges, as pdsh and FreeIPMI write them: HOSTS is host items
 // separated by the commas outside brackets; an item may hold groups of numbers
@@ -25,4 +25,4 @@ struct HostRangeError {
 // would result.
 std::optional<HostRangeError> ExpandHostList(const std::string& hosts, size_t room, std::vector<std::string>& expanded);
 
-}  // namespace Plexum
+}  // namespace Fleet

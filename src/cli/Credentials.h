@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace Plexum {
+namespace MorvelCli {
 
 // A fleet's passwords in a file: "HOST-PATTERN USER PASSWORD" lines, the
 // pattern a host item in the range syntax of --bmc (smm[01-40]) or '*'; the
@@ -70,4 +70,4 @@ struct PasswordCommand::Parsed {
     std::string error;
 };
 
-}  // namespace Plexum
+}  // namespace MorvelCli
