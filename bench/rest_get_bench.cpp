@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Compares 200 sequential GETs through one RestClient (one handle, reused
 // connection) with the curl command line: one process per request, and one
 // process fetching all 200 URLs. Server: a loopback HTTPS server in this process.

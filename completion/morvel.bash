@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # bash completion for morvel                                  -*- shell-script -*-
 #
 # Self-contained: it uses none of the bash-completion package's helpers, and

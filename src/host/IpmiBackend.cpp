@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // libmorvel_ipmi.so: FreeIPMI behind one table, loaded by the host on first use.
 #include "host/IpmiBackend.h"
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
 // The FreeIPMI calls IpmiClient makes, as a table that libmorvel_ipmi.so hands

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "host/basic_app.h"
 
 basic_app::~basic_app() = default;

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """completion/morvel.bash driven as readline would: COMP_WORDS, COMP_CWORD, COMP_LINE
 and COMP_POINT set, the function called, COMPREPLY compared exactly.
 

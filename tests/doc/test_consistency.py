@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """What keeps the documentation true: every configuration key and environment
 variable the code reads, and every option the --help texts print, is in the
 manual pages, the shipped configuration file and the bash completion.

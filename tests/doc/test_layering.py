@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The floors of src/: each room includes only itself and the rooms below it,
 and says in a README what it is for.
 

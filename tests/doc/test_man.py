@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The built manual pages: they render without a warning, and their NAME line is what apropos shows.
 
 Environment: MORVEL_MAN_DIR, the build tree's directory of roff pages and their .gz.

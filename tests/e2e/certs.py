@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Throw-away TLS certificates for the trust tests, made with the openssl command.
 
     ca = TestCa(directory)                       # a CA of its own

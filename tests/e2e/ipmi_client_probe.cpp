@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Drives Plexum::IpmiClient from the command line so end-to-end tests can run
 // it against a simulated SMM and assert on exact results.
 //

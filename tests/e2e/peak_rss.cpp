@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Runs a command as its child and reports the child's peak resident set:
 //
 //   peak_rss FILE COMMAND [ARGUMENT]...

@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """What the end-to-end suites need from the machine, checked before the first test.
 
     preflight.py                     programs and ports; one line per problem, exit 1 on any

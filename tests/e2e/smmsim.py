@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """End-to-end test harness: simulated SMMs on loopback and exact command runs.
 
 Used by the unittest modules beside it (run by CTest with MORVEL_BUILD_DIR set).

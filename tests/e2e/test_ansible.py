@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The Ansible collection morvel.smm: Debian's ansible-playbook against ten simulated SMMs on loopback.
 
 The collection is installed from the artifact the build made, the way a site

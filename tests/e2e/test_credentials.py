@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Passwords for a fleet: --credentials-file and --password-command, before the older sources.
 
 Every simulated SMM has a password of its own; the run names none in --bmc.

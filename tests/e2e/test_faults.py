@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Faults end to end: the morvel binary against a simulated SMM that reboots, a
 lossy network, and HTTPS services that misbehave or answer hostile bodies.
 

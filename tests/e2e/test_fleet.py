@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """`morvel smmlan` over many SMMs in one run: blocks, summary, JSON Lines, ranges, fan-out, interrupt, progress.
 
 The simulated SMMs mix Redfish and IPMI-only ones; a dead address (nothing

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Where `morvel` reads its configuration from, --show-config, and the host's
 clearer errors, with the real executable and modules.
 

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Plexum::IpmiClient (FreeIPMI, LAN 2.0) against the simulated SMM over real UDP on loopback."""
 
 import unittest

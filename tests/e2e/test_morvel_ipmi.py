@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """`morvel smmlan` over IPMI: the built binary against the simulated SMM with its HTTPS face off.
 
 Every run goes to the simulator over real UDP on a loopback address: the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The smmlan command's Redfish-first stage, end to end against the simulated SMM.
 
 When the chassis resource's vendor object carries a boolean "LANEnabled", the

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The installed-layout morvel binary against the simulated SMM: one run per path.
 
 A starting point for the command's end-to-end suites: run_morvel() captures

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The preflight: a missing program or a port taken on every address is one clear line, before any suite runs."""
 
 import os

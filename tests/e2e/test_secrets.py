@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The BMC password stays out of sight: not in the log, not on the console, not
 in /proc/PID/cmdline, whichever way it is given, and neither is the
 base64("user:password") of Basic authentication.

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The simulated SMM itself: one state behind both faces, persistence, knobs, record."""
 
 import json

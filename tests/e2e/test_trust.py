@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Trust in the SMM's Redfish service: --tls-verify ca, pin and tofu, morvel trust, --protocol.
 
 Real TLS on loopback with certificates made here by openssl. A refused

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Runs a fuzz entry point over files without libFuzzer, so that the normal
 // build replays the seed corpus and every input that ever crashed.
 // Arguments: directories (every regular file in them) or files.

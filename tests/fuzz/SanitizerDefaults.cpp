@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Options the sanitizer runtimes start with (UBSAN_OPTIONS set by the caller
 // still wins), so that a fuzzer or replay run by hand behaves like scripts/fuzz.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The host's --bmc parsing: any text. A parsed target written back in its
 // canonical form parses to the same target; a refused one leaves the target
 // as it was and gives a one-line reason.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The host's command-line grammar (MorvelCli::ParseCommandLine, a pure
 // function of the words) and Printable.
 //

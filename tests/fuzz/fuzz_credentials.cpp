@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The credentials file's parser: any text. Either a one-line error that names
 // the file and line and holds no control byte, or a file whose lookups answer
 // for any host and user; the first line whose pattern and user match wins.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Configuration parsing: GlobalConfig::LoadText on any text, then every key it
 // holds read back and converted by GetGlobalConfigValue, both checked against
 // a plain restatement of the KEY=VALUE and integer rules.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The known-SMMs file's parser: any text. Every entry it keeps has a key
 // without blanks, in lower case, a well-formed pin and a first-seen word;
 // the entries written back as lines parse to the same entries.

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Rest::RestClient's reply plumbing: the header collector fed header lines as
 // libcurl hands them over (one line per call, line end included), and
 // ClassifyResponse fed any transfer result and status.

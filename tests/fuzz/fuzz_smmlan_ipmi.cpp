@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The IPMI reply handling of SmmLanManager over a client whose Open results,
 // completion codes and reply bytes all come from the input. Waits are injected
 // no-ops and the check loop is kept short through the configuration.

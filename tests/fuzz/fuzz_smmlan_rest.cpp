@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The Redfish reply handling of SmmLanManagerRest: the probe's verdict on a
 // body, the status check, Query, and the IPMI pre-check of update, all on a
 // stored reply planted from the input. No request leaves the process: the

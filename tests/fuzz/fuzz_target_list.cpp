@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The target grammar of a run over many SMMs: a --bmc value with host items
 // and ranges, and a target file. Whatever the text, either every target
 // parses back from the text the module would get for it, or the list is left

@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """Writes the seed corpus of every fuzz target (corpus/<target>/<seed>).
 
 Run from anywhere; it rewrites the seeds it knows and leaves other files alone.

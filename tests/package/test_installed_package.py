@@ -1,4 +1,5 @@
 #!/usr/bin/python3
+# SPDX-License-Identifier: GPL-3.0-or-later
 """The Debian packages built by scripts/package, checked, installed, used and purged.
 
     MORVEL_DEB_DIR=build-deb tests/package/test_installed_package.py

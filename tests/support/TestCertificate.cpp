@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 #include "support/TestCertificate.h"
 
 #include <openssl/evp.h>

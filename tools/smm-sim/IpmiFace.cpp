@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The simulated SMM's IPMI face: an ipmi_sim plug-in that answers the SMM's
 // OEM commands (network function 0x3A) from the shared state.
 

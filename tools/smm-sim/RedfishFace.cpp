@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The simulated SMM's HTTPS face: the Redfish chassis resource that carries the
 // vendor's SMM network properties, served from the same state as the IPMI face.
 

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The built morvel executable as a script would run it, with test modules in
 // a scratch module directory.
 #include <sys/stat.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // A command module for the tests of the host: it reports what the host gave
 // it and answers with the codes its options ask for.
 #include <unistd.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // RedfishClient: the 503 start-up retry, its configuration and logging, and the
 // forwarding of every setting to its RestClient, against real loopback servers.
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The abstract interface's one non-pure operation, and its use through a base pointer.
 #include <gtest/gtest.h>
 

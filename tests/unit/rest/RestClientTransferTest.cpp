@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Transfer outcomes of RestClient: time-outs, failures, TLS, redirects, proxy,
 // large and capped bodies, multipart uploads. Real loopback servers throughout.
 #include <gtest/gtest.h>

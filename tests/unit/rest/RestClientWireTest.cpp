@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // What RestClient puts on the wire and reads back, checked byte for byte against
 // real loopback HTTPS servers.
 #include <gtest/gtest.h>

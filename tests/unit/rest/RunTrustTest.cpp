@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // The run's trust settings against a real TLS server on loopback: the pin of
 // what it presents, trust on first use, pins that do not match, CAs, and
 // credentials that never follow a redirect elsewhere.

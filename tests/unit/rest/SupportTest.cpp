@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // Checks of the shared loopback test servers themselves, made with plain libcurl.
 #include <curl/curl.h>
 #include <gtest/gtest.h>

@@ -1,3 +1,4 @@
+# SPDX-License-Identifier: GPL-3.0-or-later
 # Fails unless MODULE defines exactly one dynamic symbol: create_instance.
 execute_process(COMMAND nm -D --defined-only ${MODULE}
   OUTPUT_VARIABLE symbols RESULT_VARIABLE status ERROR_VARIABLE errors)

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: GPL-3.0-or-later
 // SmmLan with the host's connection library replaced by scripted lists, for
 // outcomes the real library never produces (empty lists with success, results
 // with kind bits, messages of its own). These definitions take the place of
