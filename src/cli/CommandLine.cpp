@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/CommandLine.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "cli/ArgvScrub.h"
-#include "cli/HelpText.h"
 #include "host/Text.h"
 
 namespace MorvelCli {
 namespace {
+
+constexpr unsigned kMaxFanout = 1024;
 
 bool StartsWithDashes(const std::string& word) { return word.compare(0, 2, "--") == 0; }
 
@@ -30,18 +32,33 @@ bool Fail(CommandLineError& error, int status, const std::string& message) {
     return false;
 }
 
-// Splits "--name=value" / "--name" at word `index`, taking the value from the
-// next word when it is not inline. Advances `index` past what it used.
-bool TakeOption(const std::vector<std::string>& words, size_t& index, std::string& name, std::string& value,
-                CommandLineError& error) {
+// The name of an option word: what lies between "--" and the first '='.
+std::string NameOf(const std::string& word) { return word.substr(2, word.find('=') - 2); }
+
+std::vector<std::string> NamesOf(const std::vector<OptionDeclaration>& options) {
+    std::vector<std::string> names;
+    for (const OptionDeclaration& option : options) names.emplace_back(option.name);
+    return names;
+}
+
+std::string Suggestion(const std::string& typed, const std::vector<OptionDeclaration>& options) {
+    const std::string close = ClosestName(typed, NamesOf(options));
+    return close.empty() ? std::string() : "; did you mean '--" + close + "'?";
+}
+
+const OptionDeclaration* FindIn(const std::vector<OptionDeclaration>& options, const std::string& name) {
+    const auto found = std::find_if(options.begin(), options.end(),
+                                    [&name](const OptionDeclaration& option) { return name == option.name; });
+    return found == options.end() ? nullptr : &*found;
+}
+
+// Takes the value of the value option at word `index` ("--name=value", or
+// "--name value" when the next word does not start with "--") and moves
+// `index` past what it used.
+bool TakeValue(const std::vector<std::string>& words, size_t& index, const std::string& name, std::string& value,
+               CommandLineError& error) {
     const std::string& word = words[index];
     const size_t equals = word.find('=');
-    name = word.substr(2, equals == std::string::npos ? std::string::npos : equals - 2);
-    if (!IsValidOptionName(name)) {
-        return Fail(error, kExitInvalidParameter,
-                    "invalid option name in argument " + std::to_string(index) +
-                        " (letters, digits, '-', '_' and '.' only)");
-    }
     if (equals != std::string::npos) {
         value = word.substr(equals + 1);
         ++index;
@@ -54,6 +71,29 @@ bool TakeOption(const std::vector<std::string>& words, size_t& index, std::strin
     value = words[index + 1];
     index += 2;
     return true;
+}
+
+// The option word at `index` (argument `number` of the command line): its
+// declaration, or an error that names it and, when one is close, the option meant.
+const OptionDeclaration* Declared(const std::vector<OptionDeclaration>& options, const std::string& word, size_t number,
+                                  const std::string& unknown, CommandLineError& error) {
+    const std::string name = NameOf(word);
+    if (!IsValidOptionName(name)) {
+        Fail(error, kExitInvalidParameter,
+             "invalid option name in argument " + std::to_string(number) + " (letters, digits, '-', '_' and '.' only)");
+        return nullptr;
+    }
+    const OptionDeclaration* option = FindIn(options, name);
+    if (option == nullptr) {
+        const std::string suggestion = Suggestion(name, options);
+        Fail(error, kExitInvalidParameter, unknown + (suggestion.empty() ? std::string() : suggestion));
+        return nullptr;
+    }
+    if (option->value == nullptr && word.find('=') != std::string::npos) {
+        Fail(error, kExitInvalidParameter, "option --" + name + " takes no value");
+        return nullptr;
+    }
+    return option;
 }
 
 bool SetHostOption(const std::string& name, const std::string& value, CommandLine& line, CommandLineError& error) {
@@ -75,16 +115,59 @@ bool SetHostOption(const std::string& name, const std::string& value, CommandLin
     return true;
 }
 
-constexpr unsigned kMaxFanout = 1024;
+// The host options up to the command word; false and an error, or true with
+// `index` at the first word that is not one.
+bool ParseHostOptions(const std::vector<std::string>& words, size_t& index, CommandLine& line, CommandLineError& error) {
+    while (index < words.size() && !words[index].empty() && words[index][0] == '-') {
+        const std::string& word = words[index];
+        if (IsHelpWord(word)) {
+            line.action = Action::HostHelp;
+            return true;
+        }
+        const std::string unknown = "unknown host option '" + ShownWord(word.substr(0, word.find('=')));
+        const std::string name = StartsWithDashes(word) ? NameOf(word) : std::string();
+        const OptionDeclaration* option = nullptr;
+        if (!name.empty() && IsValidOptionName(name)) option = FindIn(HostOptions(), name);
+        if (option == nullptr) {
+            const std::string suggestion = name.empty() ? std::string() : Suggestion(name, HostOptions());
+            return Fail(error, kExitInvalidParameter,
+                        unknown + (suggestion.empty() ? "' (options of a command go after COMMAND SUBCOMMAND)"
+                                                      : "'" + suggestion));
+        }
+        if (option->value == nullptr) {
+            if (word.find('=') != std::string::npos) {
+                return Fail(error, kExitInvalidParameter, "option --" + name + " takes no value");
+            }
+            if (name == "version") {
+                line.action = Action::Version;
+                return true;
+            }
+            line.showConfig = true;  // may be given more than once
+            ++index;
+            continue;
+        }
+        std::string value;
+        if (!TakeValue(words, index, name, value, error)) return false;
+        if (!SetHostOption(name, value, line, error)) return false;
+    }
+    return true;
+}
 
-// Options after the subcommand that take no value.
-bool IsFlag(const std::string& name) { return name == "always-prefix" || name == "yes"; }
-
-// The options this host reads itself after the subcommand.
-bool SetRunOption(const std::string& name, const std::string& value, CommandLine& line, CommandLineError& error) {
-    if (name == "bmc" || name == "bmc-file") {
+// One option after the command, once it is known to be declared.
+bool SetCommandOption(const OptionDeclaration& option, const std::string& value, CommandLine& line,
+                      CommandLineError& error) {
+    const std::string name = option.name;
+    const std::vector<std::string> choices = ChoicesOf(option);
+    if (option.choicesOnly && std::find(choices.begin(), choices.end(), value) == choices.end()) {
+        // The suggestion is a declared value, never what was typed.
+        const std::string close = ClosestName(value, choices);
+        return Fail(error, kExitInvalidParameter,
+                    "--" + name + " must be " + Alternatives(choices) +
+                        (close.empty() ? std::string() : "; did you mean '" + close + "'?"));
+    }
+    if (option.repeatable) {
         if (name == "bmc-file" && value.empty()) return Fail(error, kExitInvalidParameter, "option --bmc-file needs a file name");
-        line.targets.push_back(TargetSource{name == "bmc-file", value});
+        if (name == "bmc" || name == "bmc-file") line.targets.push_back(TargetSource{name == "bmc-file", value});
         line.options.emplace(name, value);
         return true;
     }
@@ -100,8 +183,9 @@ bool SetRunOption(const std::string& name, const std::string& value, CommandLine
         }
         line.fanout = fanout;
     } else if (name == "output") {
-        if (value != "text" && value != "json") return Fail(error, kExitInvalidParameter, "--output must be text or json");
         line.output = value == "json" ? OutputFormat::Json : OutputFormat::Text;
+    } else if (name == "always-prefix") {
+        line.alwaysPrefix = true;
     }
     return true;
 }
@@ -126,38 +210,8 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
     line = CommandLine();
     error = CommandLineError();
     size_t index = 1;
-    // Host options: everything up to the first word that does not start with '-'.
-    while (index < words.size() && !words[index].empty() && words[index][0] == '-') {
-        const std::string& word = words[index];
-        if (IsHelpWord(word)) {
-            line.action = Action::HostHelp;
-            return true;
-        }
-        if (word == "--version") {
-            line.action = Action::Version;
-            return true;
-        }
-        const std::string name = StartsWithDashes(word) ? word.substr(2, word.find('=') - 2) : std::string();
-        if (name == "show-config") {
-            if (word.size() > name.size() + 2) return Fail(error, kExitInvalidParameter, "option --show-config takes no value");
-            line.showConfig = true;
-            ++index;
-            continue;
-        }
-        const bool known = name == "config" || name == "log-file" || name == "log-level" || name == "password-file";
-        if (!known) {
-            if (name == "help" || name == "version") {
-                return Fail(error, kExitInvalidParameter, "option --" + name + " takes no value");
-            }
-            return Fail(error, kExitInvalidParameter,
-                        "unknown host option '" + ShownWord(word.substr(0, word.find('='))) +
-                            "' (options of a command go after COMMAND SUBCOMMAND)");
-        }
-        std::string taken;
-        std::string value;
-        if (!TakeOption(words, index, taken, value, error)) return false;
-        if (!SetHostOption(name, value, line, error)) return false;
-    }
+    if (!ParseHostOptions(words, index, line, error)) return false;
+    if (line.action != Action::Run) return true;
     if (line.showConfig) {
         if (index < words.size()) {
             return Fail(error, kExitInvalidParameter, "--show-config takes no command; it prints the configuration and exits");
@@ -174,13 +228,10 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
 
     // Help after the command wins over everything else there, so that
     // "morvel smmlan --help" works without a subcommand.
-    for (size_t i = index; i < words.size(); ++i) {
-        if (IsHelpWord(words[i])) {
-            line.action = Action::CommandHelp;
-            return true;
-        }
+    if (std::any_of(words.begin() + static_cast<std::ptrdiff_t>(index), words.end(), IsHelpWord)) {
+        line.action = Action::CommandHelp;
+        return true;
     }
-
     if (index >= words.size() || (!words[index].empty() && words[index][0] == '-')) {
         error.missingSubcommand = true;
         return Fail(error, kExitInvalidCommand,
@@ -189,36 +240,40 @@ bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, 
     }
     line.subCommand = words[index];
     ++index;
+    line.restIndex = index;
+    line.rest.assign(words.begin() + static_cast<std::ptrdiff_t>(index), words.end());
+    return true;
+}
+
+bool ParseCommandOptions(const CommandSyntax& syntax, CommandLine& line, CommandLineError& error) {
+    std::vector<std::string> words = std::move(line.rest);
+    line.rest.clear();
+    size_t index = 0;
+    const auto number = [&line, &index] { return line.restIndex + index; };
     // A command that works on one host names it after the subcommand.
-    if (CommandTakesOperand(line.command) && index < words.size() && !StartsWithDashes(words[index])) {
+    if (syntax.Declaration().operand != nullptr && index < words.size() && !StartsWithDashes(words[index])) {
         line.options.emplace("target", words[index]);
         ++index;
     }
-
+    const std::string unknownFor = "' for " + ShownWord(line.command);
     while (index < words.size()) {
-        if (!StartsWithDashes(words[index]) || words[index] == "--") {
+        const std::string& word = words[index];
+        if (!StartsWithDashes(word) || word == "--") {
             // Not quoted: a stray word may be a piece of a password.
             return Fail(error, kExitInvalidParameter,
-                        "unexpected argument " + std::to_string(index) +
+                        "unexpected argument " + std::to_string(number()) +
                             " after the subcommand; options are written --name VALUE or --name=VALUE");
         }
-        const std::string flag = words[index].substr(2, words[index].find('=') - 2);
-        if (IsFlag(flag)) {
-            if (words[index].size() > flag.size() + 2) {
-                return Fail(error, kExitInvalidParameter, "option --" + flag + " takes no value");
-            }
-            // A flag is in the options map with an empty value.
-            if (!line.options.emplace(flag, std::string()).second) {
-                return Fail(error, kExitInvalidParameter, "option --" + flag + " given more than once");
-            }
-            line.alwaysPrefix = line.alwaysPrefix || flag == "always-prefix";
-            ++index;
-            continue;
-        }
-        std::string name;
+        const std::string unknown = "unknown option '" + ShownWord(word.substr(0, word.find('='))) + unknownFor;
+        const OptionDeclaration* option = Declared(syntax.Options(), word, number(), unknown, error);
+        if (option == nullptr) return false;
         std::string value;
-        if (!TakeOption(words, index, name, value, error)) return false;
-        if (!SetRunOption(name, value, line, error)) return false;
+        if (option->value == nullptr) {
+            ++index;  // a flag is in the options map with an empty value
+        } else if (!TakeValue(words, index, option->name, value, error)) {
+            return false;
+        }
+        if (!SetCommandOption(*option, value, line, error)) return false;
     }
     if (line.hasPasswordFile && line.options.count("password-file") != 0) {
         return Fail(error, kExitInvalidParameter, "option --password-file given both before and after the command");

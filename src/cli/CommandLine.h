@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "cli/CommandSyntax.h"
 #include "fleet/Fleet.h"
 #include "host/ExitStatus.h"
 
@@ -38,7 +39,11 @@ struct CommandLine {
     // be repeated, the first (all of them are in `targets`).
     std::map<std::string, std::string> options;
     std::vector<TargetSource> targets;
+    // The words after the subcommand, until ParseCommandOptions reads them
+    // with the command's declaration.
+    std::vector<std::string> rest;
     size_t commandIndex = 0;  // index of the command word in the given words
+    size_t restIndex = 0;     // index of the first word of `rest`
 
     Action action = Action::Run;
     unsigned logLevel = 3;
@@ -71,15 +76,22 @@ using Plexum::kExitInternalError;
 using Plexum::kExitInvalidCommand;
 using Plexum::kExitInvalidParameter;
 
-// `words` is argv as given, program name first. Grammar:
+// The words up to the command's options, `words` being argv as given,
+// program name first:
 //   morvel [HOST OPTIONS] COMMAND SUBCOMMAND [OPERAND] [--name VALUE | --name=VALUE | --flag]...
-// A separate VALUE may not begin with "--" (write --name=VALUE for that); an
-// option may be given once, but for --bmc and --bmc-file. The flags
-// (--always-prefix, --yes) take no value and go into the options map with an
-// empty one. A command that works on one host (trust) takes it as OPERAND,
-// which goes into the options map as "target". --fanout (1..1024) and
-// --output (text, json) are checked here. Error texts never quote a value.
+// Host options are those HostOptions() declares; --help anywhere after the
+// command asks for the command's help. The words after the subcommand are
+// kept in `rest` for ParseCommandOptions, which needs the command's
+// declaration. Error texts never quote a value.
 bool ParseCommandLine(const std::vector<std::string>& words, CommandLine& line, CommandLineError& error);
+
+// The words after the subcommand, read with the command's syntax: its
+// operand, when it declares one, and then only the options it declares, a
+// separate VALUE never beginning with "--" (write --name=VALUE for that), a
+// flag never with a value, an option once unless it may repeat, a value
+// among the choices where they are fixed. --fanout (1..1024) and --output
+// set their fields.
+bool ParseCommandOptions(const CommandSyntax& syntax, CommandLine& line, CommandLineError& error);
 
 // The text with bytes that would garble a terminal line replaced by '?'.
 std::string Printable(const std::string& text);

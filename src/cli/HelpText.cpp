@@ -3,63 +3,132 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstring>
 
 #include "cli/CommandLine.h"
 
-#ifndef MORVEL_SYSTEM_CONFIG
-#error "MORVEL_SYSTEM_CONFIG must be defined by the build"
-#endif
 #ifndef MORVEL_VERSION
 #error "MORVEL_VERSION must be defined by the build"
 #endif
+#ifndef MORVEL_MODULE_SUBDIR
+#error "MORVEL_MODULE_SUBDIR must be defined by the build"
+#endif
 
 namespace MorvelCli {
+namespace {
+
+// Where the help of an option starts; a longer option has its help start on the next line.
+constexpr size_t kHelpColumn = 24;
+// Help lines end by this column.
+constexpr size_t kWidth = 80;
+
+// The text's lines, each after `indent` blanks, its words wrapped to end by
+// kWidth; a line break in the text always breaks the line.
+std::string Indented(const std::string& text, size_t indent) {
+    std::string out;
+    size_t begin = 0;
+    while (begin < text.size()) {
+        const size_t end = std::min(text.find('\n', begin), text.size());
+        std::string line;
+        size_t word = text.find_first_not_of(' ', begin);
+        while (word < end) {
+            const size_t wordEnd = std::min(text.find(' ', word), end);
+            const std::string next = text.substr(word, wordEnd - word);
+            if (!line.empty() && indent + line.size() + 1 + next.size() > kWidth) {
+                out += std::string(indent, ' ') + line + "\n";
+                line.clear();
+            }
+            line += (line.empty() ? "" : " ") + next;
+            word = text.find_first_not_of(' ', wordEnd);
+        }
+        out += line.empty() ? "\n" : std::string(indent, ' ') + line + "\n";
+        begin = end + 1;
+    }
+    return out;
+}
+
+// "  SPEC" and its help from `column` on: on the same line when SPEC leaves room, else from the next.
+std::string Entry(const std::string& spec, const std::string& help, size_t column = kHelpColumn) {
+    std::string line = "  " + spec;
+    if (line.size() + 1 > column) return line + "\n" + Indented(help, column);
+    line.append(column - line.size(), ' ');
+    return line + Indented(help, column).substr(column);
+}
+
+std::string OptionSpec(const OptionDeclaration& option) {
+    const std::string name = option.name;
+    std::string spec = name == "help" ? "-h, --help" : "--" + name;
+    if (option.value != nullptr) spec += std::string(" ") + option.value;
+    return spec;
+}
+
+// The options under their headings, the headings in the order they first appear.
+std::string OptionList(const std::vector<OptionDeclaration>& options, const std::string& firstHeading) {
+    std::vector<std::string> headings;
+    for (const OptionDeclaration& option : options) {
+        const std::string heading = option.group != nullptr ? option.group : firstHeading;
+        if (std::find(headings.begin(), headings.end(), heading) == headings.end()) headings.push_back(heading);
+    }
+    std::string text;
+    for (const std::string& heading : headings) {
+        text += "\n" + heading + ":\n";
+        for (const OptionDeclaration& option : options) {
+            if ((option.group != nullptr ? option.group : firstHeading) == heading) text += Entry(OptionSpec(option), option.help);
+        }
+    }
+    return text;
+}
+
+}  // namespace
 
 std::string VersionNumber() { return MORVEL_VERSION; }
 
 std::string VersionText() { return "morvel " + VersionNumber() + "\n"; }
 
-std::string HostHelpText() {
-    return "Usage: morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE]...\n"
-           "\n"
-           "Commands:\n"
-           "  smmlan    switch an enclosure's SMM network on or off, enable its IPMI over LAN,\n"
-           "            or show its network state and IPv4 address\n"
-           "  trust     show, record or forget the pin of an SMM's Redfish key\n"
-           "\n"
-           "Host options (before the command):\n"
-           "  --config FILE         KEY=VALUE configuration, read alone (default: $MORVEL_CONFIG;\n"
-           "                        when unset, $XDG_CONFIG_HOME/morvel/morvel.conf (else\n"
-           "                        ~/.config/morvel/morvel.conf) and then " MORVEL_SYSTEM_CONFIG ",\n"
-           "                        the first file that sets a key winning)\n"
-           "  --show-config         print every configuration key, its value and where it\n"
-           "                        came from, and exit\n"
-           "  --log-file FILE       log file (default: $XDG_STATE_HOME/morvel/morvel.log,\n"
-           "                        else ~/.local/state/morvel/morvel.log)\n"
-           "  --log-level 0..4      log records up to this level: 0 fatal, 1 errors, 2 warnings,\n"
-           "                        3 information (default), 4 tracing\n"
-           "  --password-file FILE  take the BMC password from the first line of FILE\n"
-           "                        (may also be given after the command)\n"
-           "  -h, --help            show this help and exit\n"
-           "  --version             show the version and exit\n"
-           "\n"
-           "When --bmc names no password (USER@HOST), it is taken from --credentials-file,\n"
-           "else from --password-command, else from MORVEL_BMC_PASSWORD, else from\n"
-           "--password-file, else asked for on the terminal.\n"
-           "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/" MORVEL_MODULE_SUBDIR ".\n"
-           "\n"
-           "Run 'morvel COMMAND --help' for the usage of a command.\n";
+std::string HostHelpText(const std::vector<CommandSummary>& commands) {
+    std::string text = "Usage: morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE]...\n\nCommands:\n";
+    if (commands.empty()) text += "  (none installed)\n";
+    for (const CommandSummary& command : commands) text += Entry(command.name, command.summary, 12);
+    text += OptionList(HostOptions(), "Host options (before the command)");
+    text +=
+        "\n"
+        "When --bmc names no password (USER@HOST), it is taken from --credentials-file,\n"
+        "else from --password-command, else from MORVEL_BMC_PASSWORD, else from\n"
+        "--password-file, else asked for on the terminal.\n"
+        "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/" MORVEL_MODULE_SUBDIR ".\n"
+        "\n"
+        "Run 'morvel COMMAND --help' for the usage of a command.\n";
+    return text;
 }
 
-const std::vector<std::string>& KnownSubcommands(const std::string& command) {
-    static const std::vector<std::string> smmlan = {"enable", "disable", "enableipmi", "query"};
-    static const std::vector<std::string> trust = {"show", "add", "remove"};
-    static const std::vector<std::string> none;
-    return command == "smmlan" ? smmlan : command == "trust" ? trust : none;
+std::string CommandHelpText(const CommandSyntax& syntax) {
+    const CommandDeclaration& command = syntax.Declaration();
+    std::string text = std::string("Usage: morvel [HOST OPTIONS] ") + command.name + " SUBCOMMAND";
+    if (command.operand != nullptr) text += std::string(" ") + command.operand;
+    if (command.smmTargets) text += " --bmc USER[:PASSWORD]@HOSTS";
+    text += " [OPTIONS]\n";
+    if (command.description != nullptr) text += "\n" + Indented(command.description, 0);
+    if (command.subcommandCount > 0) {
+        text += "\nSubcommands (case-sensitive):\n";
+        size_t width = 0;
+        for (size_t i = 0; i < command.subcommandCount; ++i) width = std::max(width, std::strlen(command.subcommands[i].name));
+        for (size_t i = 0; i < command.subcommandCount; ++i) {
+            const std::string name = command.subcommands[i].name;
+            text += "  " + name + std::string(width + 2 - name.size(), ' ') +
+                    Indented(command.subcommands[i].help, width + 4).substr(width + 4);
+        }
+    }
+    std::vector<OptionDeclaration> options(command.options, command.options + command.optionCount);
+    // Help is the host's, and every command takes it.
+    options.push_back(OptionDeclaration{"help", nullptr, nullptr, false, false, nullptr, "show this help and exit"});
+    const std::vector<OptionDeclaration>& all = syntax.Options();
+    options.insert(options.end(), all.begin() + static_cast<std::ptrdiff_t>(command.optionCount), all.end());
+    text += OptionList(options, "Options");
+    return text;
 }
 
-std::string UnknownSubcommandNote(const std::string& command, const std::string& word, bool caseOnly) {
-    const std::vector<std::string>& known = KnownSubcommands(command);
+std::string UnknownSubcommandNote(const CommandSyntax& syntax, const std::string& word, bool caseOnly) {
+    const std::vector<std::string> known = syntax.SubcommandNames();
     if (known.empty() || std::find(known.begin(), known.end(), word) != known.end()) return std::string();
     const auto sameLetters = [&word](const std::string& name) {
         return name.size() == word.size() &&
@@ -72,78 +141,8 @@ std::string UnknownSubcommandNote(const std::string& command, const std::string&
     if (caseOnly) return std::string();
     std::string list;
     for (size_t i = 0; i < known.size(); ++i) list += (i == 0 ? "" : i + 1 == known.size() ? " and " : ", ") + known[i];
-    return "unknown subcommand '" + ShownWord(word) + "' of " + command + "; the subcommands are " + list;
+    return "unknown subcommand '" + ShownWord(word) + "' of " + ShownWord(syntax.Declaration().name) +
+           "; the subcommands are " + list;
 }
-
-bool CommandHelpText(const std::string& command, std::string& text) {
-    if (command == "trust") {
-        text =
-            "Usage: morvel [HOST OPTIONS] trust show|add|remove HOST[:PORT] [--known-smms FILE] [--yes]\n"
-            "\n"
-            "The pins of SMMs' Redfish keys, for smmlan --tls-verify pin or tofu.\n"
-            "\n"
-            "Subcommands:\n"
-            "  show    connect and print the SMM's pin, certificate subject, issuer and validity;\n"
-            "          nothing is sent and nothing is recorded\n"
-            "  add     record that pin (asks on the terminal first, unless --yes)\n"
-            "  remove  delete the SMM's line\n"
-            "\n"
-            "Options:\n"
-            "  --known-smms FILE  the known-SMMs file (default: REDFISH_KNOWN_SMMS, else\n"
-            "                     $XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"
-            "  --yes              record without asking\n";
-        return true;
-    }
-    if (command != "smmlan") return false;
-    text =
-        "Usage: morvel [HOST OPTIONS] smmlan SUBCOMMAND --bmc USER[:PASSWORD]@HOST[:PORT]\n"
-        "                                    [--method static|dhcp|dhcp-failover]\n"
-        "       morvel [HOST OPTIONS] smmlan SUBCOMMAND --bmc USER[:PASSWORD]@HOSTS [--bmc ...]\n"
-        "                                    [--bmc-file FILE] [--fanout N] [--output text|json]\n"
-        "\n"
-        "Subcommands (case-sensitive):\n"
-        "  enable      switch the SMM network on\n"
-        "  disable     switch the SMM network off\n"
-        "  enableipmi  switch the SMM's IPMI over LAN on\n"
-        "  query       show the SMM network state and IPv4 address\n"
-        "\n"
-        "Options:\n"
-        "  --bmc USER[:PASSWORD]@HOST[:PORT]\n"
-        "        the SMM and its credentials (required). The user ends at the first ':',\n"
-        "        the host starts after the last '@'. Write an IPv6 address in brackets:\n"
-        "        [2001:db8::10] or [2001:db8::10]:8443. PORT is the Redfish HTTPS port\n"
-        "        (default 443); IPMI always uses UDP port 623. HOSTS may be a comma-separated\n"
-        "        list with ranges: smm[01-40], 10.1.2.[10-19,25]. May be given more than once.\n"
-        "  --bmc-file FILE\n"
-        "        more targets, one --bmc value per line ('-': standard input)\n"
-        "  --method static|dhcp|dhcp-failover\n"
-        "        how the SMM obtains its address when enable goes over IPMI\n"
-        "        (default: leave it unchanged)\n"
-        "  --fanout N\n"
-        "        at most N SMMs at once (1..1024, default 64)\n"
-        "  --output text|json\n"
-        "        json: one JSON record per SMM and a summary, as JSON Lines\n"
-        "  --always-prefix\n"
-        "        label every line with its SMM, even for one\n"
-        "  --protocol auto|redfish|ipmi\n"
-        "        Redfish first, then IPMI (default); or only the one named\n"
-        "  --tls-verify none|ca|pin|tofu\n"
-        "        how the SMM's certificate is trusted (default none); see --cacert, --known-smms\n"
-        "  --cacert FILE\n"
-        "        the CA certificates for --tls-verify ca (default: the system's)\n"
-        "  --known-smms FILE\n"
-        "        the pins for --tls-verify pin and tofu (see morvel trust --help)\n"
-        "  --credentials-file FILE\n"
-        "        'HOST-PATTERN USER PASSWORD' lines, for SMMs whose --bmc names no password\n"
-        "  --password-command CMD\n"
-        "        run per SMM (no shell) to print its password, for SMMs whose --bmc names none\n"
-        "  --password-file FILE\n"
-        "        take the password from the first line of FILE when --bmc names none\n";
-    return true;
-}
-
-bool CommandTakesOperand(const std::string& command) { return command == "trust"; }
-
-bool CommandNeedsTarget(const std::string& command) { return command == "smmlan"; }
 
 }  // namespace MorvelCli

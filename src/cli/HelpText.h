@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "cli/CommandSyntax.h"
+
 namespace MorvelCli {
 
 // The version number alone, e.g. "0.1.0".
@@ -12,28 +14,22 @@ std::string VersionNumber();
 // "morvel VERSION" and a line end.
 std::string VersionText();
 
-// The host's usage, for morvel --help.
-std::string HostHelpText();
+// A command found in the module directory, for morvel --help.
+struct CommandSummary {
+    std::string name;
+    std::string summary;  // the declaration's; a note when its module could not be read
+};
 
-// The usage of one command, for morvel COMMAND --help; false for a command
-// the host has no usage text for.
-bool CommandHelpText(const std::string& command, std::string& text);
+// The host's usage, for morvel --help: the commands given, then the host options.
+std::string HostHelpText(const std::vector<CommandSummary>& commands);
 
-// Whether the command takes one operand after its subcommand (trust: HOST[:PORT]).
-bool CommandTakesOperand(const std::string& command);
+// The usage of one command, for morvel COMMAND --help, made from its syntax.
+std::string CommandHelpText(const CommandSyntax& syntax);
 
-// Whether the command works on SMMs named by --bmc or --bmc-file (smmlan);
-// without one, the host says so before the module's result line.
-bool CommandNeedsTarget(const std::string& command);
-
-// The subcommands of a command this host has usage text for, in the order the
-// usage lists them; empty for any other command (its module answers for itself).
-const std::vector<std::string>& KnownSubcommands(const std::string& command);
-
-// For a word that is not one of the command's known subcommands: one line,
-// without the "morvel: " prefix, that says so; empty when the word is one, or
-// the host does not know the command's subcommands. `caseOnly` limits it to a
-// word that differs from a subcommand in letter case alone.
-std::string UnknownSubcommandNote(const std::string& command, const std::string& word, bool caseOnly);
+// For a word that is not one of the command's declared subcommands: one
+// line, without the "morvel: " prefix, that says so; empty when the word is
+// one, or the command declares none (its module answers every word). `caseOnly`
+// limits it to a word that differs from a subcommand in letter case alone.
+std::string UnknownSubcommandNote(const CommandSyntax& syntax, const std::string& word, bool caseOnly);
 
 }  // namespace MorvelCli

@@ -15,6 +15,7 @@
 
 #include "cli/ArgvScrub.h"
 #include "cli/CommandLine.h"
+#include "cli/CommandSyntax.h"
 #include "cli/ConfigFiles.h"
 #include "cli/HelpText.h"
 #include "cli/HostLog.h"
@@ -111,6 +112,20 @@ int ShowConfiguration(const CommandLine& line) {
     return 0;
 }
 
+// The commands of the module directory with the summaries their modules declare.
+std::vector<CommandSummary> InstalledCommandSummaries(const std::string& directory) {
+    std::vector<CommandSummary> commands;
+    for (const std::string& command : InstalledCommands(directory)) {
+        ModuleLoader loader;
+        ModuleLoader::Failure failure;
+        commands.push_back(CommandSummary{command, loader.Load(directory, command, failure)
+                                                       ? loader.Declaration().summary
+                                                       : "(its module cannot be loaded: run 'morvel " + command +
+                                                             " --help' for why)"});
+    }
+    return commands;
+}
+
 // The targets of --bmc and --bmc-file in the order given, each host and port once.
 bool ReadTargets(const CommandLine& line, TargetList& list, int& exitStatus) {
     for (const TargetSource& source : line.targets) {
@@ -187,10 +202,10 @@ bool ResolvePasswords(const CommandLine& line, const RunSettings& settings, std:
 // anywhere, instead of asking for one. Otherwise the module answers it as
 // always, and `caseNote` (empty unless only the letter case is wrong) goes
 // just before the result line.
-bool CheckSubcommand(const CommandLine& line, const RunSettings& settings, const std::vector<Target>& targets,
-                     bool fleet, std::string& caseNote, int& exitStatus) {
-    caseNote = UnknownSubcommandNote(line.command, line.subCommand, true);
-    const std::string note = UnknownSubcommandNote(line.command, line.subCommand, false);
+bool CheckSubcommand(const CommandSyntax& syntax, const CommandLine& line, const RunSettings& settings,
+                     const std::vector<Target>& targets, bool fleet, std::string& caseNote, int& exitStatus) {
+    caseNote = UnknownSubcommandNote(syntax, line.subCommand, true);
+    const std::string note = UnknownSubcommandNote(syntax, line.subCommand, false);
     if (note.empty()) return true;
     const bool passwordGiven = targets.front().bmc.hasPassword || Environment("MORVEL_BMC_PASSWORD") != nullptr ||
                                !line.PasswordFile().empty() || settings.credentials || settings.passwordCommand;
@@ -324,20 +339,19 @@ int RunCommandLine(int argc, char** argv) {
         }
         return Fail(parseError.exitStatus, parseError.message);
     }
+    const std::string directory = ModuleDirectory(Environment("MORVEL_MODULE_PATH"), ExecutablePath());
     switch (line.action) {
         case Action::HostHelp:
-            std::cout << HostHelpText() << std::flush;
+            std::cout << HostHelpText(InstalledCommandSummaries(directory)) << std::flush;
             return 0;
         case Action::Version:
             std::cout << VersionText() << std::flush;
             return 0;
         case Action::CommandHelp: {
-            std::string text;
-            if (!CommandHelpText(line.command, text)) {
-                return Fail(kExitInvalidCommand,
-                            "no help for command '" + ShownWord(line.command) + "'; run 'morvel --help' for the commands");
-            }
-            std::cout << text << std::flush;
+            ModuleLoader loader;
+            ModuleLoader::Failure loadFailure;
+            if (!loader.Load(directory, line.command, loadFailure)) return Fail(loadFailure.exitStatus, loadFailure.message);
+            std::cout << CommandHelpText(CommandSyntax(loader.Declaration())) << std::flush;
             return 0;
         }
         case Action::ShowConfig:
@@ -356,17 +370,18 @@ int RunCommandLine(int argc, char** argv) {
 
     ModuleLoader loader;
     ModuleLoader::Failure loadFailure;
-    if (!loader.Load(ModuleDirectory(Environment("MORVEL_MODULE_PATH"), ExecutablePath()), line.command,
-                     loadFailure)) {
-        return Fail(loadFailure.exitStatus, loadFailure.message);
-    }
+    if (!loader.Load(directory, line.command, loadFailure)) return Fail(loadFailure.exitStatus, loadFailure.message);
     PLEXUM_LOG(3, HostLog::kSource, HostLog::kModule) << "module " << loader.Path();
+    // The command's own declaration says which options its command line may hold:
+    // anything else ends the run here, before any password is asked for.
+    const CommandSyntax syntax(loader.Declaration());
+    if (!ParseCommandOptions(syntax, line, parseError)) return Fail(parseError.exitStatus, parseError.message);
 
     if (line.targets.empty()) {
         // The module answers a missing --bmc itself; the host says what was missing.
         PLEXUM_LOG(3, HostLog::kSource, HostLog::kNoBmc) << "no --bmc given";
         return RunModule(loader, MakeContext(line, loader.Path(), argc, argv), std::string(),
-                         CommandNeedsTarget(line.command) ? "--bmc USER[:PASSWORD]@HOST[:PORT] is required" : "");
+                         syntax.Declaration().smmTargets ? "--bmc USER[:PASSWORD]@HOST[:PORT] is required" : "");
     }
     TargetList list;
     if (!ReadTargets(line, list, exitStatus)) return exitStatus;
@@ -376,7 +391,7 @@ int RunCommandLine(int argc, char** argv) {
     const RunSettings& settings = *read.settings;
     const bool fleet = targets.size() >= 2 || line.output == OutputFormat::Json || line.alwaysPrefix;
     std::string caseNote;
-    if (!CheckSubcommand(line, settings, targets, fleet, caseNote, exitStatus)) return exitStatus;
+    if (!CheckSubcommand(syntax, line, settings, targets, fleet, caseNote, exitStatus)) return exitStatus;
     if (!ResolvePasswords(line, settings, targets, exitStatus)) return exitStatus;
     UserContext context = MakeContext(line, loader.Path(), argc, argv);
     if (fleet) return RunManyTargets(loader, context, targets, line, settings);

@@ -13,6 +13,7 @@
 #include <system_error>
 
 #include "cli/CommandLine.h"
+#include "host/Files.h"
 
 namespace MorvelCli {
 namespace {
@@ -22,6 +23,29 @@ std::string DirectoryOf(const std::string& path) {
     if (slash == std::string::npos) return ".";
     if (slash == 0) return "/";
     return path.substr(0, slash);
+}
+
+// What is wrong with a module's declaration, or empty: a stale or foreign
+// one is refused rather than misread.
+std::string DeclarationProblem(const Plexum::CommandDeclaration* declaration, const std::string& command) {
+    if (declaration == nullptr) return "declares no command line";
+    if (declaration->abiVersion != Plexum::CommandDeclaration::kAbiVersion) return "declares its command line in another version";
+    if (declaration->name == nullptr || command != declaration->name) return "declares another command";
+    const bool complete = declaration->summary != nullptr &&
+                          (declaration->subcommandCount == 0 || declaration->subcommands != nullptr) &&
+                          (declaration->optionCount == 0 || declaration->options != nullptr);
+    if (!complete) return "declares an incomplete command line";
+    for (size_t i = 0; i < declaration->subcommandCount; ++i) {
+        if (declaration->subcommands[i].name == nullptr || declaration->subcommands[i].help == nullptr) {
+            return "declares an incomplete command line";
+        }
+    }
+    for (size_t i = 0; i < declaration->optionCount; ++i) {
+        if (declaration->options[i].name == nullptr || declaration->options[i].help == nullptr) {
+            return "declares an incomplete command line";
+        }
+    }
+    return std::string();
 }
 
 }  // namespace
@@ -118,12 +142,8 @@ bool ModuleLoader::Load(const std::string& directory, const std::string& command
     // with -z now, so a symbol it lacks still fails here, not later.
     void* const handle = ::dlopen(m_path.c_str(), RTLD_LAZY | RTLD_LOCAL);
     if (handle == nullptr) {
-        const char* const error = ::dlerror();
-        std::string reason = error != nullptr ? error : "unknown error";
-        // dlerror() usually starts with the file name, which the message already has.
-        if (reason.compare(0, m_path.size() + 2, m_path + ": ") == 0) reason.erase(0, m_path.size() + 2);
         failure.exitStatus = kExitInternalError;
-        failure.message = "cannot load module " + m_path + ": " + Printable(reason);
+        failure.message = "cannot load module " + m_path + ": " + Printable(Plexum::LoadFailure(m_path));
         return false;
     }
     ::dlerror();
@@ -134,8 +154,19 @@ bool ModuleLoader::Load(const std::string& directory, const std::string& command
         ::dlclose(handle);
         return false;
     }
+    const auto declare = reinterpret_cast<CommandDeclarationFunction>(::dlsym(handle, kCommandDeclarationSymbol));
+    const Plexum::CommandDeclaration* declaration = declare != nullptr ? declare() : nullptr;
+    const std::string problem = declare == nullptr ? std::string("does not export ") + kCommandDeclarationSymbol
+                                                   : DeclarationProblem(declaration, command);
+    if (!problem.empty()) {
+        failure.exitStatus = kExitInternalError;
+        failure.message = "module " + m_path + " " + problem;
+        ::dlclose(handle);
+        return false;
+    }
     m_handle = handle;
     m_create = reinterpret_cast<CreateInstanceFunction>(symbol);
+    m_declaration = declaration;
     return true;
 }
 

@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "host/CommandDeclaration.h"
 #include "host/basic_app.h"
 
 namespace MorvelCli {
@@ -35,9 +36,10 @@ bool HasModule(const std::string& directory, const std::string& command);
 // installed in DIR". The word is shown as ShownWord shows it.
 std::string UnknownCommandMessage(const std::string& command, const std::string& directory);
 
-// Finds, opens and resolves one command module. The library stays loaded
-// until the process ends: objects and exception types it made may outlive
-// the application object.
+// Finds, opens and resolves one command module: its application objects and
+// the declaration of its command line. The library stays loaded until the
+// process ends: objects and exception types it made, and the declaration,
+// may outlive the application object.
 class ModuleLoader {
 public:
     struct Failure {
@@ -48,6 +50,8 @@ public:
     bool Load(const std::string& directory, const std::string& command, Failure& failure);
 
     const std::string& Path() const { return m_path; }
+    // What the module declares of its command line; set once Load succeeded.
+    const Plexum::CommandDeclaration& Declaration() const { return *m_declaration; }
     // A new application object, or null when the module made none.
     basic_app* CreateInstance() const { return m_create != nullptr ? m_create() : nullptr; }
 
@@ -56,6 +60,7 @@ private:
     // Deliberately never closed (see above).
     void* m_handle = nullptr;
     CreateInstanceFunction m_create = nullptr;
+    const Plexum::CommandDeclaration* m_declaration = nullptr;
 };
 
 }  // namespace MorvelCli

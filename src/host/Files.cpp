@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "host/Files.h"
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,6 +53,13 @@ ReadEnd ReadBounded(int fd, size_t maxBytes, std::string& text) {
         text.append(buffer, static_cast<size_t>(got));
     }
     return ReadEnd::TooLarge;
+}
+
+std::string LoadFailure(const std::string& path) {
+    const char* const reason = ::dlerror();
+    std::string text = reason != nullptr ? reason : "unknown error";
+    if (text.compare(0, path.size() + 2, path + ": ") == 0) text.erase(0, path.size() + 2);
+    return text;
 }
 
 }  // namespace Plexum

@@ -36,4 +36,8 @@ enum class ReadEnd { Complete, TooLarge, Failed };
 // read: a configuration file of a few lines costs a few lines, not the limit.
 ReadEnd ReadBounded(int fd, size_t maxBytes, std::string& text);
 
+// Why dlopen() of `path` just failed: dlerror()'s text without the file name
+// it usually starts with, which the caller's message names already.
+std::string LoadFailure(const std::string& path);
+
 }  // namespace Plexum

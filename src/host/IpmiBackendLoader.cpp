@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <cstdlib>
 
+#include "host/Files.h"
 #include "host/IpmiBackend.h"
 
 namespace Plexum {
@@ -35,11 +36,7 @@ IpmiBackendLoad Load() {
     const std::string path = BackendPath();
     void* const handle = ::dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (handle == nullptr) {
-        const char* const reason = ::dlerror();
-        std::string text = reason != nullptr ? reason : "unknown error";
-        // dlerror() usually starts with the file name, which the message already has.
-        if (text.compare(0, path.size() + 2, path + ": ") == 0) text.erase(0, path.size() + 2);
-        load.error = "cannot load " + path + ": " + text;
+        load.error = "cannot load " + path + ": " + LoadFailure(path);
         return load;
     }
     ::dlerror();

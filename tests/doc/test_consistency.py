@@ -1,7 +1,9 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 """What keeps the documentation true: every configuration key and environment
-variable the code reads, and every option the --help texts print, is in the
-manual pages, the shipped configuration file and the bash completion.
+variable the code reads is in the manual pages and the shipped configuration
+file; the options each command declares (its --help is made from the
+declaration) are exactly those its manual page describes and the bash
+completion offers, with the same fixed values.
 
 Environment: MORVEL_SOURCE_DIR (the source tree), MORVEL_BINARY (the built morvel),
 MORVEL_MODULE_DIR (its modules).
@@ -27,8 +29,14 @@ CHOSEN_CALL = re.compile(r"\bChosen\(\s*[^,]+,\s*[^,]+,\s*([^,)]+)")
 ENV_CALL = re.compile(r"\b(?:getenv|Environment)\(\s*\"([A-Za-z_][A-Za-z0-9_]*)\"")
 # Variables morvel puts in a child's environment: "NAME=" + value.
 ENV_SET = re.compile(r"\"([A-Z][A-Z0-9_]*)=\"\s*\+")
-# An option of a --help text: the first word of a line of its option list.
+# An option of a --help text: the first word of a line of its option list, and
+# what its value is written as.
 OPTION = re.compile(r"^ +(?:(-h), +)?(--[a-z][a-z0-9-]*)", re.M)
+OPTION_VALUE = re.compile(r"^ +(--[a-z][a-z0-9-]*) ([^ \n]+)", re.M)
+# An option described in a manual page's option list, and its value as written there.
+MAN_OPTION = re.compile(r"^\*(?:-h\*, \*)?(--[a-z][a-z0-9-]*)\*(.*)$", re.M)
+# What the completion offers as an option's value.
+BASH_VALUES = re.compile(r"^\s+(--[a-z][a-z0-9-]*)\) _morvel_offer \$'([^']*)'", re.M)
 # A parameter in a function's definition, not an argument.
 DECLARATION = re.compile(r"(?:const\s+)?[\w:<>]+[\s*&]+\w+")
 
@@ -95,6 +103,19 @@ def options_of(text):
     return sorted({name for match in OPTION.findall(text) for name in match if name})
 
 
+def fixed_values_of(text):
+    """{option: [values]} for the options whose value is written as a|b|c."""
+    return {name: value.split("|") for name, value in OPTION_VALUE.findall(text) if "|" in value}
+
+
+def man_options(page_text, section_title):
+    return {name: spec for name, spec in MAN_OPTION.findall(section(page_text, section_title))}
+
+
+def bash_values():
+    return {name: values.split("\\n") for name, values in BASH_VALUES.findall(read(BASH))}
+
+
 def section(page_text, title):
     """The text of one '# TITLE' section of an scdoc page."""
     match = re.search(r"^# %s\n(.*?)(?=^# |\Z)" % re.escape(title), page_text, re.S | re.M)
@@ -140,30 +161,45 @@ class Consistency(unittest.TestCase):
         page = read(os.path.join(MAN, "morvel.1.scd"))
         self.assertEqual(self.missing(names, section(page, "ENVIRONMENT"), "doc/man/morvel.1.scd (ENVIRONMENT)"), [])
 
-    def check_options(self, args, page_name, bash_variable):
-        printed = options_of(help_text(*args))
-        self.assertGreaterEqual(len(printed), 2, printed)
+    def check_options(self, args, page_name, section_title, bash_variable):
+        text = help_text(*args)
+        declared = set(options_of(text)) - {"-h"}
+        self.assertGreaterEqual(len(declared), 2, declared)
         shown = "morvel %s--help" % "".join(arg + " " for arg in args)
-        page = read(os.path.join(MAN, page_name))
-        completion = bash_words(bash_variable)
-        problems = []
-        for option in printed:
-            # Described in the page's option list, not only named somewhere.
-            if not re.search(r"^\*(?:-h\*, \*)?%s\*" % re.escape(option), page, re.M):
-                problems.append("%s (printed by %s) is missing from doc/man/%s" % (option, shown, page_name))
-            if option != "-h" and option not in completion:
-                problems.append("%s (printed by %s) is missing from completion/morvel.bash %s"
-                                % (option, shown, bash_variable))
+        described = man_options(read(os.path.join(MAN, page_name)), section_title)
+        offered = set(bash_words(bash_variable))
+        problems = ["%s (declared, see %s) is missing from doc/man/%s" % (o, shown, page_name)
+                    for o in sorted(declared - set(described))]
+        problems += ["doc/man/%s describes %s, which is not declared (see %s)" % (page_name, o, shown)
+                     for o in sorted(set(described) - declared)]
+        problems += ["%s (declared, see %s) is missing from completion/morvel.bash %s" % (o, shown, bash_variable)
+                     for o in sorted(declared - offered)]
+        problems += ["completion/morvel.bash %s offers %s, which is not declared (see %s)" % (bash_variable, o, shown)
+                     for o in sorted(offered - declared)]
+        values = bash_values()
+        for option, fixed in sorted(fixed_values_of(text).items()):
+            if values.get(option) != fixed:
+                problems.append("completion/morvel.bash offers %s for %s; it takes %s" % (values.get(option), option, fixed))
+            if option in described and re.findall(r"\*([a-z0-9-]+)\*", described[option]) != fixed:
+                problems.append("doc/man/%s writes %s as %r; it takes %s" % (page_name, option, described[option], fixed))
         self.assertEqual(problems, [])
 
     def test_host_options(self):
-        self.check_options([], "morvel.1.scd", "_morvel_host_options")
+        self.check_options([], "morvel.1.scd", "HOST OPTIONS", "_morvel_host_options")
 
     def test_smmlan_options(self):
-        self.check_options(["smmlan"], "morvel-smmlan.1.scd", "_morvel_smmlan_options")
+        self.check_options(["smmlan"], "morvel-smmlan.1.scd", "OPTIONS", "_morvel_smmlan_options")
 
     def test_trust_options(self):
-        self.check_options(["trust"], "morvel-trust.1.scd", "_morvel_trust_options")
+        self.check_options(["trust"], "morvel-trust.1.scd", "OPTIONS", "_morvel_trust_options")
+
+    def test_a_missing_or_extra_option_is_found(self):
+        # The comparison itself, on a help text and a page that disagree both ways.
+        text = "Options:\n  --alpha a|b    x\n  --beta N       y\n"
+        page = "# OPTIONS\n\n*--alpha* *a*|*b*\n\tx\n\n*--gamma*\n\ty\n\n# NEXT\n"
+        self.assertEqual(set(options_of(text)), {"--alpha", "--beta"})
+        self.assertEqual(set(man_options(page, "OPTIONS")), {"--alpha", "--gamma"})
+        self.assertEqual(fixed_values_of(text), {"--alpha": ["a", "b"]})
 
     def test_every_exit_status_of_the_readme_is_in_morvel_1(self):
         readme = read(os.path.join(SOURCE, "README.md"))

@@ -425,12 +425,14 @@ class CommandLine(SmmLanOverIpmi):
 
     def test_missing_bmc_is_5_without_traffic(self):
         sim = self.start(INITIAL_STATUS=1)
-        # The option name is matched exactly: --BMC is not --bmc.
-        for args in (["smmlan", "query"], ["smmlan", "query", "--method", "static", "--BMC", sim.bmc()]):
+        # The option name is matched exactly: --BMC is not --bmc, and is refused as no option of smmlan.
+        for args, stderr in ((["smmlan", "query"], "morvel: --bmc USER[:PASSWORD]@HOST[:PORT] is required\n"
+                                                   "5 Invalid parameter.\n"),
+                             (["smmlan", "query", "--method", "static", "--BMC", sim.bmc()],
+                              "morvel: unknown option '--BMC' for smmlan; did you mean '--bmc'?\n")):
             with self.subTest(args=args[2:3]):
                 result = self.run_morvel(args, config=CONFIG, log_level=4)
-                self.assertResult(result, 5, "", "morvel: --bmc USER[:PASSWORD]@HOST[:PORT] is required\n"
-                                                 "5 Invalid parameter.\n")
+                self.assertResult(result, 5, "", stderr)
                 self.assertEqual(sim.ipmi_requests(), [])
                 self.assertEqual(sim.redfish_requests(), [])
                 self.assertEqual([r for r in log_records(result.files["log"]) if r[1] == "src/host/MorvelConnect"], [])

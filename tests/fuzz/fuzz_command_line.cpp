@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
-// The host's command-line grammar (MorvelCli::ParseCommandLine, a pure
-// function of the words) and Printable.
+// The host's command-line grammar (MorvelCli::ParseCommandLine, then
+// ParseCommandOptions with a command's declaration: pure functions of the
+// words) and Printable.
 //
 // Input: the words after the program name, separated by NUL bytes. A word
 // holding the marker below stands for a secret: an error text may show it
@@ -17,6 +18,17 @@
 namespace {
 
 const char kSecret[] = "S3CRET";
+
+// A command that works on SMMs, with an option of its own, and one with an
+// operand and a flag: the grammar's two shapes.
+constexpr const char* kMethods[] = {"static", "dhcp", nullptr};
+const Plexum::OptionDeclaration kSmmOptions[] = {{"method", "M", kMethods, false, false, nullptr, "how"}};
+const Plexum::CommandDeclaration kSmm = {Plexum::CommandDeclaration::kAbiVersion, "smmlan", "SMMs", nullptr, nullptr,
+                                         0, nullptr, kSmmOptions, 1, true};
+const Plexum::OptionDeclaration kTrustOptions[] = {{"known-smms", "FILE", nullptr, false, false, nullptr, "file"},
+                                                   {"yes", nullptr, nullptr, false, false, nullptr, "flag"}};
+const Plexum::CommandDeclaration kTrust = {Plexum::CommandDeclaration::kAbiVersion, "trust", "pins", nullptr, nullptr,
+                                           0, "HOST", kTrustOptions, 2, false};
 
 bool HasControl(const std::string& text) {
     for (const char c : text) {
@@ -48,7 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     MorvelCli::CommandLine line;
     MorvelCli::CommandLineError error;
-    if (!MorvelCli::ParseCommandLine(words, line, error)) {
+    static const MorvelCli::CommandSyntax smm(kSmm);
+    static const MorvelCli::CommandSyntax trust(kTrust);
+    const bool parsed = MorvelCli::ParseCommandLine(words, line, error) &&
+                        (line.action != MorvelCli::Action::Run ||
+                         MorvelCli::ParseCommandOptions(line.command == "trust" ? trust : smm, line, error));
+    if (!parsed) {
         FUZZ_CHECK(error.exitStatus == MorvelCli::kExitInvalidCommand ||
                    error.exitStatus == MorvelCli::kExitInvalidParameter);
         FUZZ_CHECK(!error.message.empty() && !HasControl(error.message));
@@ -80,9 +97,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             FUZZ_CHECK(line.subCommand.empty() || line.subCommand[0] != '-');
             FUZZ_CHECK(line.logLevel <= 4);
             FUZZ_CHECK(!line.hasPasswordFile || line.options.count("password-file") == 0);
+            FUZZ_CHECK(line.rest.empty());
             for (const auto& option : line.options) {
-                FUZZ_CHECK(!option.first.empty() && option.first[0] != '-' &&
-                           option.first.find_first_of("= ") == std::string::npos);
+                // Only what the command declares (and trust's operand) reaches the module.
+                const MorvelCli::CommandSyntax& syntax = line.command == "trust" ? trust : smm;
+                FUZZ_CHECK(syntax.Find(option.first) != nullptr || (line.command == "trust" && option.first == "target"));
             }
             break;
     }

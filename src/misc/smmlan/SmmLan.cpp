@@ -10,6 +10,7 @@
 #include "host/Log.h"
 #include "host/MorvelConnect.h"
 #include "host/RunContext.h"
+#include "misc/smmlan/SmmLanCommand.h"
 #include "misc/smmlan/SmmLanManager.h"
 #include "misc/smmlan/SmmLanManagerRest.h"
 
@@ -23,20 +24,11 @@ constexpr int kRestListFetchedLine = 44;
 constexpr int kRestPassedOnLine = 63;
 
 constexpr char kBmcOption[] = "bmc";
-constexpr char kMethodOption[] = "method";
 // IPMI-over-LAN always uses the standard RMCP port, whatever the Redfish port is.
 constexpr char kIpmiPort[] = "623";
 constexpr uint64_t kIpmiSessionCount = 3;
 
 using ConnectionList = std::vector<Plexum::PlexumConnection::ConnectionInfo>;
-
-// What a change accepted over Redfish made of the SMM, for the run's record.
-void NoteEstablishedState(const std::string& subCommand) {
-    Plexum::RunContext& run = Plexum::RunContext::Current();
-    if (subCommand == "enable") run.NoteNetwork(true);
-    if (subCommand == "disable") run.NoteNetwork(false);
-    if (subCommand == "enableipmi") run.NoteIpmiOverLan(true);
-}
 
 }  // namespace
 
@@ -75,19 +67,10 @@ bool SmmLan::RunRedfishStage(int32_t& result) const {
         SmmLanManagerRest manager(&restList.front());
         supported = manager.CheckIsSupportByRest();
         if (supported) {
-            const std::string subCommand = m_userContext.subCommand;
-            if (subCommand == "enable") {
-                result = manager.Enable("LANEnabled", "true");
-            } else if (subCommand == "disable") {
-                result = manager.Disable("LANEnabled", "false");
-            } else if (subCommand == "enableipmi") {
-                result = manager.Enable("IPMIEnabled", "true");
-            } else if (subCommand == "query") {
-                result = manager.Query();
-            } else {
-                result = RESULT_INVALID_COMMAND;
-            }
-            if (result == RESULT_SUCCEED) NoteEstablishedState(subCommand);
+            // The words differ, so looking them up in the table matches them as testing each in turn would.
+            const SmmLanSubcommand* subcommand = FindSmmLanSubcommand(m_userContext.subCommand);
+            result = subcommand != nullptr ? subcommand->overRedfish(manager) : RESULT_INVALID_COMMAND;
+            if (subcommand != nullptr && result == RESULT_SUCCEED) subcommand->noteEstablished();
         }
     }
 
@@ -114,18 +97,6 @@ MorvelResult SmmLan::RunIpmiStage() const {
     Plexum::IpmiClient client(record.address, record.username, record.password, kIpmiPort, kIpmiSessionCount);
     SmmLanManager manager(&client);
 
-    int32_t result = RESULT_INVALID_COMMAND;  // unless the word is one of these
-    const std::string subCommand = m_userContext.subCommand;
-    if (subCommand == "enable") {
-        const auto method = m_userContext.options.find(kMethodOption);
-        const std::string methodText = method != m_userContext.options.end() ? method->second : std::string();
-        result = manager.Enable(SmmLanManager::ParseIpObtainMethod(methodText));
-    } else if (subCommand == "disable") {
-        result = manager.Disable();
-    } else if (subCommand == "query") {
-        result = manager.Query();
-    } else if (subCommand == "enableipmi") {
-        result = manager.EnableIpmi();
-    }
-    return MorvelResult(result);
+    const SmmLanSubcommand* subcommand = FindSmmLanSubcommand(m_userContext.subCommand);
+    return MorvelResult(subcommand != nullptr ? subcommand->overIpmi(manager, m_userContext) : RESULT_INVALID_COMMAND);
 }

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <vector>
 
 #include "common/rest/PeerCertificate.h"
 #include "common/result/ResultCodes.h"
@@ -62,15 +63,55 @@ MorvelResult TrustApp::init(const UserContext& context) {
     return MorvelResult(RESULT_SUCCEED);
 }
 
+// The one table of the subcommands: the declaration and run both read it.
+struct TrustApp::Subcommand {
+    const char* name;
+    const char* help;
+    int32_t (TrustApp::*run)();
+};
+
+const TrustApp::Subcommand TrustApp::kSubcommands[] = {
+    {"show", "connect and print the SMM's pin, certificate subject, issuer and validity; nothing is sent and "
+             "nothing is recorded", &TrustApp::Show},
+    {"add", "record that pin (asks on the terminal first, unless --yes)", &TrustApp::Add},
+    {"remove", "delete the SMM's line", &TrustApp::Remove},
+};
+
+const Plexum::CommandDeclaration& TrustApp::Declaration() {
+    static const Plexum::OptionDeclaration options[] = {
+        {"known-smms", "FILE", nullptr, false, false, nullptr,
+         "the known-SMMs file (default: REDFISH_KNOWN_SMMS, else $XDG_STATE_HOME/morvel/known_smms, else "
+         "~/.local/state/morvel/known_smms)"},
+        {"yes", nullptr, nullptr, false, false, nullptr, "record without asking"},
+    };
+    static const std::vector<Plexum::SubcommandDeclaration> subcommands = [] {
+        std::vector<Plexum::SubcommandDeclaration> list;
+        for (const Subcommand& subcommand : kSubcommands) list.push_back({subcommand.name, subcommand.help});
+        return list;
+    }();
+    static const Plexum::CommandDeclaration declaration = {
+        Plexum::CommandDeclaration::kAbiVersion,
+        "trust",
+        "show, record or forget the pin of an SMM's Redfish key",
+        "The pins of SMMs' Redfish keys, for smmlan --tls-verify pin or tofu.",
+        subcommands.data(),
+        subcommands.size(),
+        "HOST[:PORT]",
+        options,
+        sizeof options / sizeof options[0],
+        false,
+    };
+    return declaration;
+}
+
 MorvelResult TrustApp::run() {
-    const std::string& subCommand = m_userContext.subCommand;
-    if (subCommand == "show") return MorvelResult(Show(false));
-    if (subCommand == "add") return MorvelResult(Show(true));
-    if (subCommand == "remove") return MorvelResult(Remove());
+    for (const Subcommand& subcommand : kSubcommands) {
+        if (m_userContext.subCommand == subcommand.name) return MorvelResult((this->*subcommand.run)());
+    }
     return MorvelResult(RESULT_INVALID_COMMAND);
 }
 
-int32_t TrustApp::Show(bool andAdd) {
+int32_t TrustApp::ShowAndMaybeAdd(bool andAdd) {
     const Rest::PeerCertificateRead read = Rest::ReadPeerCertificate(m_urlHost, m_port, kReadSeconds);
     if (!read.certificate) {
         Complain("trust: cannot read the certificate of " + m_label + ": " + read.error);

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "trust/KnownSmms.h"
+#include "host/CommandDeclaration.h"
 #include "host/MorvelResult.h"
 #include "host/basic_app.h"
 
@@ -19,11 +20,19 @@ struct PeerCertificate;
 //   remove HOST[:PORT]  deletes the SMM's line
 class TrustApp : public basic_app {
 public:
+    // What the module declares of the trust command line.
+    static const Plexum::CommandDeclaration& Declaration();
+
     MorvelResult init(const UserContext& context) override;
     MorvelResult run() override;
 
 private:
-    int32_t Show(bool andAdd);
+    struct Subcommand;
+    static const Subcommand kSubcommands[];
+
+    int32_t Show() { return ShowAndMaybeAdd(false); }
+    int32_t Add() { return ShowAndMaybeAdd(true); }
+    int32_t ShowAndMaybeAdd(bool andAdd);
     int32_t Remove();
     // Whether the user says yes to recording the pin; false with a reason when no terminal can ask.
     bool Confirm(const std::string& question, int32_t& refusal) const;

@@ -8,21 +8,53 @@ namespace {
 using MorvelCli::Action;
 using MorvelCli::CommandLine;
 using MorvelCli::CommandLineError;
+using MorvelCli::CommandSyntax;
 using MorvelCli::ParseCommandLine;
+using MorvelCli::ParseCommandOptions;
+
+// Two commands as modules declare them: one that works on SMMs, with an
+// option of its own, and one that takes a host as its operand and a flag.
+constexpr const char* kMethods[] = {"static", "dhcp", "dhcp-failover", nullptr};
+const Plexum::OptionDeclaration kSmmOptions[] = {
+    {"method", "static|dhcp|dhcp-failover", kMethods, false, false, nullptr, "how"},
+    {"note", "TEXT", nullptr, false, false, nullptr, "any text"},
+};
+const Plexum::SubcommandDeclaration kSmmSubcommands[] = {{"query", "read"}, {"enable", "switch on"}};
+const Plexum::CommandDeclaration kSmm = {Plexum::CommandDeclaration::kAbiVersion, "smmlan", "SMMs", nullptr,
+                                         kSmmSubcommands, 2, nullptr, kSmmOptions, 2, true};
+const Plexum::OptionDeclaration kTrustOptions[] = {
+    {"known-smms", "FILE", nullptr, false, false, nullptr, "the file"},
+    {"yes", nullptr, nullptr, false, false, nullptr, "without asking"},
+};
+const Plexum::CommandDeclaration kTrust = {Plexum::CommandDeclaration::kAbiVersion, "trust", "pins", nullptr,
+                                           nullptr, 0, "HOST[:PORT]", kTrustOptions, 2, false};
+
+const CommandSyntax& SyntaxOf(const std::string& command) {
+    static const CommandSyntax smm(kSmm);
+    static const CommandSyntax trust(kTrust);
+    return command == "trust" ? trust : smm;
+}
+
+// Both steps, as the host takes them: the words up to the options, then the
+// options with the command's syntax.
+bool ParseAll(std::vector<std::string> words, CommandLine& line, CommandLineError& error) {
+    words.insert(words.begin(), "morvel");
+    if (!ParseCommandLine(words, line, error)) return false;
+    if (line.action != Action::Run) return true;
+    return ParseCommandOptions(SyntaxOf(line.command), line, error);
+}
 
 CommandLine Parse(std::vector<std::string> words) {
-    words.insert(words.begin(), "morvel");
     CommandLine line;
     CommandLineError error;
-    EXPECT_TRUE(ParseCommandLine(words, line, error)) << error.message;
+    EXPECT_TRUE(ParseAll(std::move(words), line, error)) << error.message;
     return line;
 }
 
 CommandLineError ErrorOf(std::vector<std::string> words) {
-    words.insert(words.begin(), "morvel");
     CommandLine line;
     CommandLineError error;
-    EXPECT_FALSE(ParseCommandLine(words, line, error));
+    EXPECT_FALSE(ParseAll(std::move(words), line, error));
     return error;
 }
 
@@ -42,9 +74,41 @@ TEST(CommandLine, CommandSubcommandAndOptions) {
 }
 
 TEST(CommandLine, SubcommandAndValuesPassUnchanged) {
-    const CommandLine line = Parse({"smmlan", "Query", "--bmc=a:b=c@h", "--method", "DHCP", "--x", "-1", "--e="});
+    const CommandLine line = Parse({"smmlan", "Query", "--bmc=a:b=c@h", "--method", "DHCP", "--note", "-1"});
     EXPECT_EQ(line.subCommand, "Query");
-    EXPECT_EQ(line.options, (Options{{"bmc", "a:b=c@h"}, {"e", ""}, {"method", "DHCP"}, {"x", "-1"}}));
+    EXPECT_EQ(line.options, (Options{{"bmc", "a:b=c@h"}, {"method", "DHCP"}, {"note", "-1"}}));
+    // Offered values are no limit: any text goes to the module.
+    EXPECT_EQ(Parse({"smmlan", "enable", "--method=", "--note="}).options, (Options{{"method", ""}, {"note", ""}}));
+}
+
+TEST(CommandLine, AnOptionTheCommandDoesNotDeclareIsRefused) {
+    const CommandLineError typo = ErrorOf({"smmlan", "query", "--bmc", "admin@smm07", "--tls-verfy", "pin"});
+    EXPECT_EQ(typo.exitStatus, 5);
+    EXPECT_EQ(typo.message, "unknown option '--tls-verfy' for smmlan; did you mean '--tls-verify'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--protocl=redfish"}).message,
+              "unknown option '--protocl' for smmlan; did you mean '--protocol'?");
+    // A unique beginning is close too; a word close to none, or to several, gets no suggestion.
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--tls"}).message,
+              "unknown option '--tls' for smmlan; did you mean '--tls-verify'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--frobnicate", "1"}).message, "unknown option '--frobnicate' for smmlan");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--bmc-fil", "f"}).message,
+              "unknown option '--bmc-fil' for smmlan; did you mean '--bmc-file'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--pass", "f"}).message, "unknown option '--pass' for smmlan");
+    // Each command has its own options: trust takes none of the SMM runs'.
+    EXPECT_EQ(ErrorOf({"trust", "show", "h", "--fanout", "2"}).message, "unknown option '--fanout' for trust");
+    EXPECT_EQ(ErrorOf({"trust", "add", "h", "--yse"}).message, "unknown option '--yse' for trust; did you mean '--yes'?");
+    // Refused before its value is looked at: the value is never quoted.
+    const CommandLineError secret = ErrorOf({"smmlan", "query", "--bcm=admin:Wq7z@h"});
+    EXPECT_EQ(secret.message, "unknown option '--bcm' for smmlan; did you mean '--bmc'?");
+}
+
+TEST(CommandLine, FixedChoicesAreEnforcedWithASuggestion) {
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--protocol", "redfsh"}).message,
+              "--protocol must be auto, redfish or ipmi; did you mean 'redfish'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--tls-verify=tofo"}).message,
+              "--tls-verify must be none, ca, pin or tofu; did you mean 'tofu'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--tls-verify=x"}).message, "--tls-verify must be none, ca, pin or tofu");
+    EXPECT_EQ(Parse({"smmlan", "query", "--protocol", "ipmi"}).options, (Options{{"protocol", "ipmi"}}));
 }
 
 TEST(CommandLine, EmptySubcommandIsLeftToTheModule) {
@@ -117,7 +181,7 @@ TEST(CommandLine, RunOptions) {
         EXPECT_EQ(error.message, "--fanout must be a number from 1 to 1024") << bad;
     }
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--output", "yaml"}).message, "--output must be text or json");
-    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output=JSON"}).message, "--output must be text or json");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output=JSON"}).message, "--output must be text or json; did you mean 'json'?");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--always-prefix=yes"}).message, "option --always-prefix takes no value");
     EXPECT_EQ(ErrorOf({"trust", "add", "h", "--yes=1"}).message, "option --yes takes no value");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--bmc-file="}).message, "option --bmc-file needs a file name");
@@ -179,9 +243,9 @@ TEST(CommandLine, HostOptionErrors) {
     EXPECT_EQ(ErrorOf({"--config=", "smmlan", "query"}).message, "option --config needs a file name");
     EXPECT_EQ(ErrorOf({"--log-file=a", "--log-file=b", "smmlan", "query"}).message,
               "option --log-file given more than once");
-    const CommandLineError unknown = ErrorOf({"--bmc=a:secret@h", "smmlan", "query"});
+    const CommandLineError unknown = ErrorOf({"--fanout=3", "smmlan", "query"});
     EXPECT_EQ(unknown.exitStatus, 5);
-    EXPECT_EQ(unknown.message, "unknown host option '--bmc' (options of a command go after COMMAND SUBCOMMAND)");
+    EXPECT_EQ(unknown.message, "unknown host option '--fanout' (options of a command go after COMMAND SUBCOMMAND)");
     EXPECT_EQ(ErrorOf({"-v", "smmlan"}).message,
               "unknown host option '-v' (options of a command go after COMMAND SUBCOMMAND)");
     EXPECT_EQ(ErrorOf({"--", "smmlan"}).message,
@@ -228,10 +292,11 @@ TEST(CommandLine, PasswordFileAfterTheCommand) {
     EXPECT_EQ(both.message, "option --password-file given both before and after the command");
 }
 
-TEST(CommandLine, HostOptionsAfterTheCommandBelongToTheCommand) {
-    const CommandLine line = Parse({"smmlan", "query", "--log-level", "9"});
-    EXPECT_EQ(line.logLevel, 3u);
-    EXPECT_EQ(line.options, (Options{{"log-level", "9"}}));
+TEST(CommandLine, HostOptionsAfterTheCommandAreTheCommands) {
+    // The command does not declare it: a host option in the wrong place is refused, not taken.
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--log-level", "4"}).message, "unknown option '--log-level' for smmlan");
+    EXPECT_EQ(ErrorOf({"--confg", "x", "smmlan", "query"}).message,
+              "unknown host option '--confg'; did you mean '--config'?");
 }
 
 TEST(CommandLine, ErrorsNeverQuoteValues) {

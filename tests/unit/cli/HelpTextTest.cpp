@@ -5,30 +5,59 @@
 
 namespace {
 
+using MorvelCli::CommandSyntax;
+
+const Plexum::OptionDeclaration kPinOptions[] = {
+    {"known-smms", "FILE", nullptr, false, false, nullptr,
+     "the known-SMMs file (default: REDFISH_KNOWN_SMMS, else $XDG_STATE_HOME/morvel/known_smms)"},
+    {"yes", nullptr, nullptr, false, false, nullptr, "record without asking"},
+    {"a-rather-long-option-name", "VALUE", nullptr, false, false, "Rare", "first line\nsecond line"},
+};
+const Plexum::SubcommandDeclaration kPinSubcommands[] = {
+    {"show", "connect and print the SMM's pin, certificate subject, issuer and validity; nothing is sent and "
+             "nothing is recorded"},
+    {"remove", "delete the SMM's line"},
+};
+const Plexum::CommandDeclaration kPins = {Plexum::CommandDeclaration::kAbiVersion,
+                                          "pins",
+                                          "show or forget pins",
+                                          "The pins of SMMs' keys.",
+                                          kPinSubcommands,
+                                          2,
+                                          "HOST[:PORT]",
+                                          kPinOptions,
+                                          3,
+                                          false};
+
 TEST(HelpText, Version) { EXPECT_EQ(MorvelCli::VersionText(), "morvel " MORVEL_VERSION "\n"); }
 
-TEST(HelpText, Host) {
-    EXPECT_EQ(MorvelCli::HostHelpText(),
+TEST(HelpText, HostListsTheCommandsItIsGiven) {
+    EXPECT_EQ(MorvelCli::HostHelpText({{"pins", "show or forget pins"},
+                                       {"verylongcommand", "a summary long enough to be wrapped onto a second line by "
+                                                           "the host, at the width of a terminal"}}),
               "Usage: morvel [HOST OPTIONS] COMMAND SUBCOMMAND [--name VALUE | --name=VALUE]...\n"
               "\n"
               "Commands:\n"
-              "  smmlan    switch an enclosure's SMM network on or off, enable its IPMI over LAN,\n"
-              "            or show its network state and IPv4 address\n"
-              "  trust     show, record or forget the pin of an SMM's Redfish key\n"
+              "  pins      show or forget pins\n"
+              "  verylongcommand\n"
+              "            a summary long enough to be wrapped onto a second line by the host,\n"
+              "            at the width of a terminal\n"
               "\n"
               "Host options (before the command):\n"
-              "  --config FILE         KEY=VALUE configuration, read alone (default: $MORVEL_CONFIG;\n"
-              "                        when unset, $XDG_CONFIG_HOME/morvel/morvel.conf (else\n"
-              "                        ~/.config/morvel/morvel.conf) and then " MORVEL_SYSTEM_CONFIG ",\n"
-              "                        the first file that sets a key winning)\n"
+              "  --config FILE         KEY=VALUE configuration, read alone (default:\n"
+              "                        $MORVEL_CONFIG; when unset,\n"
+              "                        $XDG_CONFIG_HOME/morvel/morvel.conf (else\n"
+              "                        ~/.config/morvel/morvel.conf) and then\n"
+              "                        " MORVEL_SYSTEM_CONFIG ", the first file that sets a key\n"
+              "                        winning)\n"
               "  --show-config         print every configuration key, its value and where it\n"
               "                        came from, and exit\n"
               "  --log-file FILE       log file (default: $XDG_STATE_HOME/morvel/morvel.log,\n"
               "                        else ~/.local/state/morvel/morvel.log)\n"
-              "  --log-level 0..4      log records up to this level: 0 fatal, 1 errors, 2 warnings,\n"
-              "                        3 information (default), 4 tracing\n"
-              "  --password-file FILE  take the BMC password from the first line of FILE\n"
-              "                        (may also be given after the command)\n"
+              "  --log-level 0..4      log records up to this level: 0 fatal, 1 errors, 2\n"
+              "                        warnings, 3 information (default), 4 tracing\n"
+              "  --password-file FILE  take the BMC password from the first line of FILE (may\n"
+              "                        also be given after the command)\n"
               "  -h, --help            show this help and exit\n"
               "  --version             show the version and exit\n"
               "\n"
@@ -38,107 +67,105 @@ TEST(HelpText, Host) {
               "Modules are looked up in $MORVEL_MODULE_PATH, else in <prefix>/lib/morvel.\n"
               "\n"
               "Run 'morvel COMMAND --help' for the usage of a command.\n");
+    EXPECT_NE(MorvelCli::HostHelpText({}).find("Commands:\n  (none installed)\n\n"), std::string::npos);
 }
 
-TEST(HelpText, Smmlan) {
-    std::string text;
-    ASSERT_TRUE(MorvelCli::CommandHelpText("smmlan", text));
-    EXPECT_EQ(text,
-              "Usage: morvel [HOST OPTIONS] smmlan SUBCOMMAND --bmc USER[:PASSWORD]@HOST[:PORT]\n"
-              "                                    [--method static|dhcp|dhcp-failover]\n"
-              "       morvel [HOST OPTIONS] smmlan SUBCOMMAND --bmc USER[:PASSWORD]@HOSTS [--bmc ...]\n"
-              "                                    [--bmc-file FILE] [--fanout N] [--output text|json]\n"
+TEST(HelpText, CommandIsMadeFromItsDeclaration) {
+    EXPECT_EQ(MorvelCli::CommandHelpText(CommandSyntax(kPins)),
+              "Usage: morvel [HOST OPTIONS] pins SUBCOMMAND HOST[:PORT] [OPTIONS]\n"
+              "\n"
+              "The pins of SMMs' keys.\n"
               "\n"
               "Subcommands (case-sensitive):\n"
-              "  enable      switch the SMM network on\n"
-              "  disable     switch the SMM network off\n"
-              "  enableipmi  switch the SMM's IPMI over LAN on\n"
-              "  query       show the SMM network state and IPv4 address\n"
-              "\n"
-              "Options:\n"
-              "  --bmc USER[:PASSWORD]@HOST[:PORT]\n"
-              "        the SMM and its credentials (required). The user ends at the first ':',\n"
-              "        the host starts after the last '@'. Write an IPv6 address in brackets:\n"
-              "        [2001:db8::10] or [2001:db8::10]:8443. PORT is the Redfish HTTPS port\n"
-              "        (default 443); IPMI always uses UDP port 623. HOSTS may be a comma-separated\n"
-              "        list with ranges: smm[01-40], 10.1.2.[10-19,25]. May be given more than once.\n"
-              "  --bmc-file FILE\n"
-              "        more targets, one --bmc value per line ('-': standard input)\n"
-              "  --method static|dhcp|dhcp-failover\n"
-              "        how the SMM obtains its address when enable goes over IPMI\n"
-              "        (default: leave it unchanged)\n"
-              "  --fanout N\n"
-              "        at most N SMMs at once (1..1024, default 64)\n"
-              "  --output text|json\n"
-              "        json: one JSON record per SMM and a summary, as JSON Lines\n"
-              "  --always-prefix\n"
-              "        label every line with its SMM, even for one\n"
-              "  --protocol auto|redfish|ipmi\n"
-              "        Redfish first, then IPMI (default); or only the one named\n"
-              "  --tls-verify none|ca|pin|tofu\n"
-              "        how the SMM's certificate is trusted (default none); see --cacert, --known-smms\n"
-              "  --cacert FILE\n"
-              "        the CA certificates for --tls-verify ca (default: the system's)\n"
-              "  --known-smms FILE\n"
-              "        the pins for --tls-verify pin and tofu (see morvel trust --help)\n"
-              "  --credentials-file FILE\n"
-              "        'HOST-PATTERN USER PASSWORD' lines, for SMMs whose --bmc names no password\n"
-              "  --password-command CMD\n"
-              "        run per SMM (no shell) to print its password, for SMMs whose --bmc names none\n"
-              "  --password-file FILE\n"
-              "        take the password from the first line of FILE when --bmc names none\n");
-}
-
-TEST(HelpText, Trust) {
-    std::string text;
-    ASSERT_TRUE(MorvelCli::CommandHelpText("trust", text));
-    EXPECT_EQ(text,
-              "Usage: morvel [HOST OPTIONS] trust show|add|remove HOST[:PORT] [--known-smms FILE] [--yes]\n"
-              "\n"
-              "The pins of SMMs' Redfish keys, for smmlan --tls-verify pin or tofu.\n"
-              "\n"
-              "Subcommands:\n"
-              "  show    connect and print the SMM's pin, certificate subject, issuer and validity;\n"
-              "          nothing is sent and nothing is recorded\n"
-              "  add     record that pin (asks on the terminal first, unless --yes)\n"
+              "  show    connect and print the SMM's pin, certificate subject, issuer and\n"
+              "          validity; nothing is sent and nothing is recorded\n"
               "  remove  delete the SMM's line\n"
               "\n"
               "Options:\n"
-              "  --known-smms FILE  the known-SMMs file (default: REDFISH_KNOWN_SMMS, else\n"
-              "                     $XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"
-              "  --yes              record without asking\n");
-    EXPECT_TRUE(MorvelCli::CommandTakesOperand("trust"));
-    EXPECT_FALSE(MorvelCli::CommandTakesOperand("smmlan"));
+              "  --known-smms FILE     the known-SMMs file (default: REDFISH_KNOWN_SMMS, else\n"
+              "                        $XDG_STATE_HOME/morvel/known_smms)\n"
+              "  --yes                 record without asking\n"
+              "  -h, --help            show this help and exit\n"
+              "\n"
+              "Rare:\n"
+              "  --a-rather-long-option-name VALUE\n"
+              "                        first line\n"
+              "                        second line\n");
 }
 
-TEST(HelpText, OnlyKnownCommands) {
-    std::string text = "untouched";
-    EXPECT_FALSE(MorvelCli::CommandHelpText("SMMLAN", text));
-    EXPECT_FALSE(MorvelCli::CommandHelpText("probe", text));
-    EXPECT_EQ(text, "untouched");
+TEST(HelpText, ACommandOnSmmsListsTheHostsOptionsAfterItsOwn) {
+    const Plexum::OptionDeclaration own[] = {{"method", "static|dhcp", nullptr, false, false, nullptr, "how"}};
+    const Plexum::CommandDeclaration smm = {Plexum::CommandDeclaration::kAbiVersion, "smm", "SMMs", nullptr, nullptr,
+                                            0, nullptr, own, 1, true};
+    const std::string text = MorvelCli::CommandHelpText(CommandSyntax(smm));
+    EXPECT_EQ(text.substr(0, text.find("\nTargets:\n")),
+              "Usage: morvel [HOST OPTIONS] smm SUBCOMMAND --bmc USER[:PASSWORD]@HOSTS [OPTIONS]\n"
+              "\n"
+              "Options:\n"
+              "  --method static|dhcp  how\n"
+              "  -h, --help            show this help and exit\n");
+    // Every option the host adds is there, under its heading, in the order declared.
+    size_t at = 0;
+    for (const Plexum::OptionDeclaration& option : MorvelCli::SmmTargetOptions()) {
+        const size_t found = text.find("\n  --" + std::string(option.name) + (option.value ? " " : ""), at);
+        EXPECT_NE(found, std::string::npos) << option.name;
+        at = found;
+    }
+    for (const char* heading : {"\nTargets:\n", "\nRuns over many SMMs:\n", "\nProtocol and trust:\n",
+                                "\nPasswords (when --bmc names none):\n"}) {
+        EXPECT_NE(text.find(heading), std::string::npos) << heading;
+    }
 }
 
-TEST(HelpText, KnownSubcommands) {
-    EXPECT_EQ(MorvelCli::KnownSubcommands("smmlan"),
-              (std::vector<std::string>{"enable", "disable", "enableipmi", "query"}));
-    EXPECT_EQ(MorvelCli::KnownSubcommands("trust"), (std::vector<std::string>{"show", "add", "remove"}));
-    EXPECT_TRUE(MorvelCli::KnownSubcommands("probe").empty());
+TEST(HelpText, NoHelpLineIsWiderThanATerminal) {
+    const std::string texts[] = {MorvelCli::HostHelpText({{"pins", "show or forget pins"},
+                                                          {"verylongcommand", std::string(90, '.') + " y"}}),
+                                 MorvelCli::CommandHelpText(CommandSyntax(kPins))};
+    for (const std::string& text : texts) {
+        size_t begin = 0;
+        while (begin < text.size()) {
+            const size_t end = text.find('\n', begin);
+            const std::string line = text.substr(begin, end - begin);
+            // The exceptions: an option whose name alone is longer, and a word that is.
+            if (line.find("--a-rather-long-option-name") == std::string::npos && line.find("....") == std::string::npos) {
+                EXPECT_LE(line.size(), 80u) << line;
+            }
+            EXPECT_TRUE(line.empty() || line.back() != ' ') << "trailing blank: " << line;
+            begin = end + 1;
+        }
+    }
 }
 
 TEST(HelpText, UnknownSubcommandNote) {
     using MorvelCli::UnknownSubcommandNote;
-    EXPECT_EQ(UnknownSubcommandNote("smmlan", "query", false), "");
-    EXPECT_EQ(UnknownSubcommandNote("smmlan", "EnableIPMI", true),
-              "subcommands are case-sensitive: did you mean 'enableipmi'?");
-    EXPECT_EQ(UnknownSubcommandNote("smmlan", "QUERY", false), "subcommands are case-sensitive: did you mean 'query'?");
-    EXPECT_EQ(UnknownSubcommandNote("smmlan", "quer", true), "");
-    EXPECT_EQ(UnknownSubcommandNote("smmlan", "enable ", false),
-              "unknown subcommand 'enable ' of smmlan; the subcommands are enable, disable, enableipmi and query");
+    const CommandSyntax pins(kPins);
+    EXPECT_EQ(UnknownSubcommandNote(pins, "show", false), "");
+    EXPECT_EQ(UnknownSubcommandNote(pins, "Remove", true), "subcommands are case-sensitive: did you mean 'remove'?");
+    EXPECT_EQ(UnknownSubcommandNote(pins, "SHOW", false), "subcommands are case-sensitive: did you mean 'show'?");
+    EXPECT_EQ(UnknownSubcommandNote(pins, "sho", true), "");
+    EXPECT_EQ(UnknownSubcommandNote(pins, "show ", false),
+              "unknown subcommand 'show ' of pins; the subcommands are show and remove");
     // A pasted credential in the subcommand's place is masked, control bytes shown as '?'.
-    EXPECT_EQ(UnknownSubcommandNote("smmlan", "admin:pw@h\x1b", false),
-              "unknown subcommand 'admin:*@h?' of smmlan; the subcommands are enable, disable, enableipmi and query");
-    // Commands the host knows no subcommands of are left to their module.
-    EXPECT_EQ(UnknownSubcommandNote("probe", "Query", false), "");
+    EXPECT_EQ(UnknownSubcommandNote(pins, "admin:pw@h\x1b", false),
+              "unknown subcommand 'admin:*@h?' of pins; the subcommands are show and remove");
+    // A command that declares no subcommands answers every word itself.
+    const Plexum::CommandDeclaration open = {Plexum::CommandDeclaration::kAbiVersion, "open", "any word", nullptr,
+                                             nullptr, 0, nullptr, nullptr, 0, false};
+    EXPECT_EQ(UnknownSubcommandNote(CommandSyntax(open), "anything", false), "");
+}
+
+TEST(HelpText, ClosestName) {
+    using MorvelCli::ClosestName;
+    const std::vector<std::string> names = {"tls-verify", "protocol", "password-file", "password-command", "bmc"};
+    EXPECT_EQ(ClosestName("tls-verfy", names), "tls-verify");
+    EXPECT_EQ(ClosestName("protcol", names), "protocol");
+    EXPECT_EQ(ClosestName("tls", names), "tls-verify");
+    EXPECT_EQ(ClosestName("bcm", names), "bmc");
+    EXPECT_EQ(ClosestName("password", names), "");  // the beginning of two
+    EXPECT_EQ(ClosestName("BMC", names), "bmc");       // another letter case, though also the beginning of others
+    EXPECT_EQ(ClosestName("Protocol", names), "protocol");
+    EXPECT_EQ(ClosestName("xyz", names), "");
+    EXPECT_EQ(ClosestName(std::string(100, 'p'), names), "");
 }
 
 }  // namespace

@@ -117,6 +117,27 @@ TEST(ModuleLoader, ModuleWithoutCreateInstance) {
               "module " + std::string(TEST_MODULE_DIR) + "/libmorvel_nocreate.so does not export create_instance");
 }
 
+TEST(ModuleLoader, ModuleMustDeclareItsCommandLine) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"nodeclare", "does not export morvel_command_declaration"},
+        {"misnamed", "declares another command"},
+        {"oldabi", "declares its command line in another version"},
+        {"nohelp", "declares an incomplete command line"},
+    };
+    for (const auto& c : cases) {
+        ModuleLoader loader;
+        ModuleLoader::Failure failure;
+        EXPECT_FALSE(loader.Load(TEST_MODULE_DIR, c.first, failure)) << c.first;
+        EXPECT_EQ(failure.exitStatus, 17) << c.first;
+        EXPECT_EQ(failure.message, "module " + std::string(TEST_MODULE_DIR) + "/libmorvel_" + c.first + ".so " + c.second);
+    }
+    ModuleLoader loader;
+    ModuleLoader::Failure failure;
+    ASSERT_TRUE(loader.Load(TEST_MODULE_DIR, "probe", failure)) << failure.message;
+    EXPECT_STREQ(loader.Declaration().name, "probe");
+    EXPECT_TRUE(loader.Declaration().smmTargets);
+}
+
 TEST(HostHelpers, DefaultLogFilePath) {
     EXPECT_EQ(MorvelCli::DefaultLogFilePath("/var/state", "/home/u"), "/var/state/morvel/morvel.log");
     EXPECT_EQ(MorvelCli::DefaultLogFilePath(nullptr, "/home/u"), "/home/u/.local/state/morvel/morvel.log");

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <sstream>
 
 #include "ProcessRunner.h"
@@ -24,6 +25,19 @@ std::vector<std::string> LogRecords(const std::string& path) {
     std::string line;
     while (std::getline(lines, line)) records.push_back(WithoutTimeStampAndLine(line));
     return records;
+}
+
+// The commands of the test module folder, as the host's help lists them.
+std::vector<MorvelCli::CommandSummary> TestCommands() {
+    const std::string unloadable = "(its module cannot be loaded: run 'morvel %s --help' for why)";
+    const auto note = [&unloadable](const std::string& command) {
+        std::string text = unloadable;
+        return text.replace(text.find("%s"), 2, command);
+    };
+    return {{"broken", note("broken")},
+            {"nocreate", note("nocreate")},
+            {"nullapp", "makes no application object"},
+            {"probe", "reports what the host gave it"}};
 }
 
 class MorvelProcess : public ::testing::Test {
@@ -157,7 +171,7 @@ TEST_F(MorvelProcess, ResultCodesAndExitStatuses) {
         {"0", "own text", "0 own text\n", true, 0},
     };
     for (const Case& c : cases) {
-        std::vector<std::string> arguments = {"probe", "query", "--run-code", c.code};
+        std::vector<std::string> arguments = {"probe", "query", "--bmc", "a:b@h", "--run-code", c.code};
         if (c.message[0] != '\0') arguments.insert(arguments.end(), {"--run-message", c.message});
         const ProcessResult result = Run(arguments);
         EXPECT_EQ(result.exitStatus, c.exitStatus) << c.code;
@@ -175,13 +189,14 @@ TEST_F(MorvelProcess, FailedInitIsReportedAndRunIsSkipped) {
     ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--init-code", "5"});
     EXPECT_EQ(result.exitStatus, 5);
     EXPECT_EQ(result.out, "probe: init\nprobe: finish\n");
-    EXPECT_EQ(result.err, "5 Invalid parameter.\n");
+    // The probe works on SMMs: without a --bmc, the host says it was missing.
+    EXPECT_EQ(result.err, "morvel: --bmc USER[:PASSWORD]@HOST[:PORT] is required\n5 Invalid parameter.\n");
     const std::vector<std::string> records = LogRecords(m_log);
     ASSERT_EQ(records.size(), 7u);
     EXPECT_EQ(records[4], "INFO src/cli/Host init: 5 Invalid parameter.");
     EXPECT_EQ(records[6], "INFO src/cli/Host result: 5 Invalid parameter. (exit status 5)");
 
-    result = Run({"probe", "query", "--init-code", "5", "--init-message", "Option --bmc is required."});
+    result = Run({"probe", "query", "--bmc", "a:b@h", "--init-code", "5", "--init-message", "Option --bmc is required."});
     EXPECT_EQ(result.exitStatus, 5);
     EXPECT_EQ(result.err, "5 Option --bmc is required.\n");
 }
@@ -549,7 +564,7 @@ TEST_F(MorvelProcess, OptionsGivenTwice) {
         EXPECT_EQ(result.out, "") << name;
         EXPECT_EQ(result.err, "morvel: option --" + name + " given more than once\n") << name;
     }
-    for (const std::string name : {"always-prefix", "yes"}) {
+    for (const std::string name : {"always-prefix", "flag"}) {
         result = Run({"probe", "query", "--" + name, "--" + name});
         EXPECT_EQ(result.exitStatus, 5) << name;
         EXPECT_EQ(result.err, "morvel: option --" + name + " given more than once\n") << name;
@@ -611,7 +626,7 @@ TEST_F(MorvelProcess, ShowConfig) {
 
     result = Run({"--show-config", "--help"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_EQ(result.out, MorvelCli::HostHelpText());
+    EXPECT_EQ(result.out, MorvelCli::HostHelpText(TestCommands()));
 }
 
 // Without --config and MORVEL_CONFIG: the user's file, then the system's
@@ -781,24 +796,60 @@ TEST_F(MorvelProcess, LogFileThatCannotBeOpened) {
 TEST_F(MorvelProcess, HelpAndVersion) {
     ProcessResult result = Run({"--help"});
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_EQ(result.out, MorvelCli::HostHelpText());
+    EXPECT_EQ(result.out, MorvelCli::HostHelpText(TestCommands()));
     EXPECT_EQ(result.err, "");
 
-    result = Run({"smmlan", "--help"});
+    // A command's help is made from what its module declares.
+    result = Run({"probe", "--help"});
     EXPECT_EQ(result.exitStatus, 0);
-    std::string smmlan;
-    ASSERT_TRUE(MorvelCli::CommandHelpText("smmlan", smmlan));
-    EXPECT_EQ(result.out, smmlan);
+    EXPECT_EQ(result.out.substr(0, result.out.find("\nTargets:\n")),
+              "Usage: morvel [HOST OPTIONS] probe SUBCOMMAND --bmc USER[:PASSWORD]@HOSTS [OPTIONS]\n"
+              "\n"
+              "Options:\n"
+              "  --init-code CODE      init answers CODE\n"
+              "  --init-message TEXT   with this message\n"
+              "  --run-code CODE       run answers CODE\n"
+              "  --run-message TEXT    with this message\n"
+              "  --finish-code CODE    finish answers CODE\n"
+              "  --finish-message TEXT with this message\n"
+              "  --fail-host HOST      the target that answers --fail-code\n"
+              "  --fail-code CODE      what it answers\n"
+              "  --fail-message TEXT   with this message\n"
+              "  --complain TEXT       a console line of level 1\n"
+              "  --dump FILE           write what the host gave into FILE\n"
+              "  --throw TEXT          run throws this\n"
+              "  --method WORD         passed through\n"
+              "  --flag                a flag\n"
+              "  -h, --help            show this help and exit\n");
     EXPECT_EQ(result.err, "");
 
     result = Run({"--version"});
     EXPECT_EQ(result.exitStatus, 0);
     EXPECT_EQ(result.out, "morvel " MORVEL_VERSION "\n");
 
-    result = Run({"probe", "--help"});
+    // No module, no help; a module that cannot be loaded says why.
+    result = Run({"smmlan", "--help"});
     EXPECT_EQ(result.exitStatus, 4);
     EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "morvel: no help for command 'probe'; run 'morvel --help' for the commands\n");
+    EXPECT_EQ(result.err, "morvel: unknown command 'smmlan'; installed commands: broken, nocreate, nullapp, probe\n");
+    result = Run({"nocreate", "--help"});
+    EXPECT_EQ(result.exitStatus, 17);
+    EXPECT_EQ(result.err, "morvel: module " + m_modules + "/libmorvel_nocreate.so does not export create_instance\n");
+}
+
+TEST_F(MorvelProcess, OptionsTheCommandDoesNotDeclareAreRefusedBeforeAnythingRuns) {
+    // No password prompt, no module run: the probe would write its dump file.
+    const ProcessResult result = Run({"--log-file", m_log, "probe", "query", "--bmc", "admin@h", "--dump", m_dump,
+                                      "--fail-hots", "h"});
+    EXPECT_EQ(result.exitStatus, 5);
+    EXPECT_EQ(result.out, "");
+    EXPECT_EQ(result.err, "morvel: unknown option '--fail-hots' for probe; did you mean '--fail-host'?\n");
+    EXPECT_EQ(result.terminal, "");
+    EXPECT_FALSE(std::ifstream(m_dump).good());
+    const std::vector<std::string> records = LogRecords(m_log);
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.back(),
+              "ERROR src/cli/Host unknown option '--fail-hots' for probe; did you mean '--fail-host'? (exit status 5)");
 }
 
 TEST_F(MorvelProcess, CommandLineMistakes) {
@@ -813,6 +864,9 @@ TEST_F(MorvelProcess, CommandLineMistakes) {
         {{"bogus"}, 4, "morvel: unknown command 'bogus'; installed commands: broken, nocreate, nullapp, probe\n"},
         {{"--bogus", "probe", "query"}, 5,
          "morvel: unknown host option '--bogus' (options of a command go after COMMAND SUBCOMMAND)\n"},
+        {{"--log-levle", "2", "probe", "query"}, 5, "morvel: unknown host option '--log-levle'; did you mean '--log-level'?\n"},
+        {{"probe", "query", "--bogus", "x"}, 5, "morvel: unknown option '--bogus' for probe\n"},
+        {{"probe", "query", "--output", "yaml"}, 5, "morvel: --output must be text or json\n"},
         {{"probe", "query", "--bmc"}, 5,
          "morvel: option --bmc needs a value (write --bmc=VALUE for a value that starts with --)\n"},
         {{"probe", "query", "--method", "dhcp", "--method", "static"}, 5, "morvel: option --method given more than once\n"},

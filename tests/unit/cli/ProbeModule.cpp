@@ -8,6 +8,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "host/CommandDeclaration.h"
 #include "host/ConsoleReport.h"
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
@@ -95,3 +96,33 @@ public:
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) basic_app* create_instance() { return new Probe; }
+
+namespace {
+
+// Options of its own, each a way to steer the probe; it works on SMMs, so it
+// takes the host's target options too, and it answers every subcommand.
+const Plexum::OptionDeclaration kOptions[] = {
+    {"init-code", "CODE", nullptr, false, false, nullptr, "init answers CODE"},
+    {"init-message", "TEXT", nullptr, false, false, nullptr, "with this message"},
+    {"run-code", "CODE", nullptr, false, false, nullptr, "run answers CODE"},
+    {"run-message", "TEXT", nullptr, false, false, nullptr, "with this message"},
+    {"finish-code", "CODE", nullptr, false, false, nullptr, "finish answers CODE"},
+    {"finish-message", "TEXT", nullptr, false, false, nullptr, "with this message"},
+    {"fail-host", "HOST", nullptr, false, false, nullptr, "the target that answers --fail-code"},
+    {"fail-code", "CODE", nullptr, false, false, nullptr, "what it answers"},
+    {"fail-message", "TEXT", nullptr, false, false, nullptr, "with this message"},
+    {"complain", "TEXT", nullptr, false, false, nullptr, "a console line of level 1"},
+    {"dump", "FILE", nullptr, false, false, nullptr, "write what the host gave into FILE"},
+    {"throw", "TEXT", nullptr, false, false, nullptr, "run throws this"},
+    {"method", "WORD", nullptr, false, false, nullptr, "passed through"},
+    {"flag", nullptr, nullptr, false, false, nullptr, "a flag"},
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) const Plexum::CommandDeclaration* morvel_command_declaration() {
+    static const Plexum::CommandDeclaration declaration = {
+        Plexum::CommandDeclaration::kAbiVersion, "probe", "reports what the host gave it", nullptr, nullptr, 0,
+        nullptr, kOptions, sizeof kOptions / sizeof kOptions[0], true};
+    return &declaration;
+}

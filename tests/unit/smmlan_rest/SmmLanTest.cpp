@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "common/result/ResultCodes.h"
+#include "host/CommandDeclaration.h"
 #include "host/MorvelConnect.h"
 #include "host/basic_app.h"
 #include "misc/smmlan/SmmLan.h"
+#include "misc/smmlan/SmmLanCommand.h"
 #include "smmlan_rest/SmmLanRestFixture.h"
 
 namespace SmmLanRestTest {
@@ -225,6 +227,40 @@ TEST_F(SmmLanTest, ModuleExportsCreateInstanceAndNothingOfItsClasses) {
                                    "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n"
                                    "    SMM IP: 192.0.2.44\n\n" +
                                    kQueryBanner + "\n");
+}
+
+TEST_F(SmmLanTest, ModuleDeclaresItsCommandLine) {
+    ModuleHandle module;
+    ASSERT_NE(module.Get(), nullptr) << dlerror();
+    auto declare = reinterpret_cast<CommandDeclarationFunction>(dlsym(module.Get(), kCommandDeclarationSymbol));
+    ASSERT_NE(declare, nullptr) << dlerror();
+    const Plexum::CommandDeclaration* declaration = declare();
+    ASSERT_NE(declaration, nullptr);
+    EXPECT_EQ(declaration->abiVersion, Plexum::CommandDeclaration::kAbiVersion);
+    EXPECT_STREQ(declaration->name, "smmlan");
+    EXPECT_TRUE(declaration->smmTargets);
+    EXPECT_EQ(declaration->operand, nullptr);
+    std::vector<std::string> subcommands;
+    for (size_t i = 0; i < declaration->subcommandCount; ++i) subcommands.emplace_back(declaration->subcommands[i].name);
+    EXPECT_EQ(subcommands, (std::vector<std::string>{"enable", "disable", "enableipmi", "query"}));
+    // Its own option; the targets, fan-out, trust and password options are the host's.
+    ASSERT_EQ(declaration->optionCount, 1u);
+    EXPECT_STREQ(declaration->options[0].name, "method");
+    EXPECT_STREQ(declaration->options[0].value, "static|dhcp|dhcp-failover");
+    EXPECT_FALSE(declaration->options[0].choicesOnly);  // any other text leaves the method unchanged
+}
+
+TEST_F(SmmLanTest, EveryDeclaredSubcommandHasItsWayOnBothPaths) {
+    const Plexum::CommandDeclaration& declaration = SmmLanDeclaration();
+    for (size_t i = 0; i < declaration.subcommandCount; ++i) {
+        const SmmLanSubcommand* subcommand = FindSmmLanSubcommand(declaration.subcommands[i].name);
+        ASSERT_NE(subcommand, nullptr) << declaration.subcommands[i].name;
+        EXPECT_NE(subcommand->overRedfish, nullptr);
+        EXPECT_NE(subcommand->overIpmi, nullptr);
+        EXPECT_NE(subcommand->noteEstablished, nullptr);
+    }
+    EXPECT_EQ(FindSmmLanSubcommand("Query"), nullptr);
+    EXPECT_EQ(FindSmmLanSubcommand(""), nullptr);
 }
 
 // ---------------------------------------------------------------- Redfish stage
