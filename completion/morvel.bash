@@ -42,7 +42,7 @@ _morvel_value() {
             _morvel_files "$cur" ;;
         --log-level) _morvel_offer $'0\n1\n2\n3\n4' "$cur" ;;
         --method) _morvel_offer $'static\ndhcp\ndhcp-failover' "$cur" ;;
-        --output) _morvel_offer $'text\njson' "$cur" ;;
+        --output) _morvel_offer $'text\njson\ntable' "$cur" ;;
         --protocol) _morvel_offer $'auto\nredfish\nipmi' "$cur" ;;
         --tls-verify) _morvel_offer $'none\nca\npin\ntofu' "$cur" ;;
         --password-command)

@@ -183,7 +183,7 @@ bool SetCommandOption(const OptionDeclaration& option, const std::string& value,
         }
         line.fanout = fanout;
     } else if (name == "output") {
-        line.output = value == "json" ? OutputFormat::Json : OutputFormat::Text;
+        line.output = value == "json" ? OutputFormat::Json : value == "table" ? OutputFormat::Table : OutputFormat::Text;
     } else if (name == "always-prefix") {
         line.alwaysPrefix = true;
     }

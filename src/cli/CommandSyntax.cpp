@@ -13,7 +13,7 @@ namespace MorvelCli {
 namespace {
 
 constexpr const char* kLogLevels[] = {"0", "1", "2", "3", "4", nullptr};
-constexpr const char* kOutputs[] = {"text", "json", nullptr};
+constexpr const char* kOutputs[] = {"text", "json", "table", nullptr};
 constexpr const char* kProtocols[] = {"auto", "redfish", "ipmi", nullptr};
 constexpr const char* kTlsModes[] = {"none", "ca", "pin", "tofu", nullptr};
 
@@ -72,8 +72,10 @@ const std::vector<OptionDeclaration>& SmmTargetOptions() {
         {"bmc-file", "FILE", nullptr, false, true, kTargets,
          "more targets, one --bmc value per line ('-': standard input). May be given more than once."},
         {"fanout", "N", nullptr, false, false, kMany, "at most N SMMs at once (1..1024, default 64)"},
-        {"output", "text|json", kOutputs, true, false, kMany,
-         "json: one JSON record per SMM and a summary, as JSON Lines"},
+        {"output", "text|json|table", kOutputs, true, false, kMany,
+         "text: each SMM's lines, labelled, as it ends (default); json: one JSON record per SMM and a summary, as "
+         "JSON Lines; table: one line per SMM in the order given (target, protocol, network, IPMI over LAN, IPv4, "
+         "result) and the summary, when the run ends"},
         {"always-prefix", nullptr, nullptr, false, false, kMany, "label every line with its SMM, even for one"},
         {"protocol", "auto|redfish|ipmi", kProtocols, true, false, kTrust,
          "Redfish first, then IPMI (default); or only the one named"},

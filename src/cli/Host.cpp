@@ -389,7 +389,7 @@ int RunCommandLine(int argc, char** argv) {
     const RunSettingsRead read = ReadRunSettings(line, std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
     if (!read.settings) return Fail(kExitInvalidParameter, read.error);
     const RunSettings& settings = *read.settings;
-    const bool fleet = targets.size() >= 2 || line.output == OutputFormat::Json || line.alwaysPrefix;
+    const bool fleet = targets.size() >= 2 || line.output != OutputFormat::Text || line.alwaysPrefix;
     std::string caseNote;
     if (!CheckSubcommand(syntax, line, settings, targets, fleet, caseNote, exitStatus)) return exitStatus;
     if (!ResolvePasswords(line, settings, targets, exitStatus)) return exitStatus;

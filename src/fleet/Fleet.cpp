@@ -145,6 +145,10 @@ std::unique_ptr<FleetReport> MakeReport(const FleetOptions& options, const std::
     if (options.output == OutputFormat::Json) {
         return std::make_unique<JsonLinesReport>(std::cout, targets, options.subcommand);
     }
+    if (options.output == OutputFormat::Table) {
+        return std::make_unique<TableReport>(std::cout, targets, options.command + " " + options.subcommand,
+                                             targets.size() >= 2);
+    }
     return std::make_unique<TextReport>(std::cout, std::cerr, targets, options.command + " " + options.subcommand,
                                         targets.size() >= 2);
 }

@@ -9,7 +9,7 @@
 
 namespace Fleet {
 
-enum class OutputFormat { Text, Json };
+enum class OutputFormat { Text, Json, Table };
 
 // How a run over many targets goes and is shown.
 struct FleetOptions {

@@ -7,7 +7,10 @@
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
+
+#include "host/Text.h"
 
 namespace Fleet {
 namespace {
@@ -107,6 +110,54 @@ std::string ResultMessage(const TargetOutcome& outcome) {
     return outcome.failure.empty() ? outcome.result.Message() : outcome.failure;
 }
 
+// The result line of a target as the text form writes it: "CODE MESSAGE", or what interrupted it.
+std::string ResultLine(const TargetOutcome& outcome) {
+    if (outcome.interrupted) return InterruptedText(outcome.changeSent);
+    std::ostringstream line;
+    line << MorvelResult(outcome.result.code, outcome.failure);
+    return line.str();
+}
+
+// "TITLE: N SMMs, S succeeded, F failed[, I interrupted][, U not started]" and
+// the failed, interrupted and unstarted targets, one line a kind.
+void WriteSummary(std::ostream& out, const std::string& title, const std::vector<Target>& targets,
+                  const FleetSummary& summary) {
+    out << title << ": " << summary.Targets() << " SMMs, " << summary.Succeeded() << " succeeded, "
+        << summary.Failed() << " failed";
+    const auto interrupted = summary.Interrupted();
+    if (!interrupted.empty()) out << ", " << interrupted.size() << " interrupted";
+    if (!summary.NotStarted().empty()) out << ", " << summary.NotStarted().size() << " not started";
+    out << '\n';
+    for (const auto& entry : summary.FailedByCode()) {
+        out << "  " << entry.first << ' ' << summary.Messages().at(entry.first) << ": " << Joined(targets, entry.second)
+            << '\n';
+    }
+    for (const bool changeSent : {true, false}) {
+        std::vector<size_t> indices;
+        for (const auto& entry : interrupted) {
+            if (entry.second == changeSent) indices.push_back(entry.first);
+        }
+        if (!indices.empty()) out << "  " << InterruptedText(changeSent) << ": " << Joined(targets, indices) << '\n';
+    }
+    if (!summary.NotStarted().empty()) out << "  not started: " << Joined(targets, summary.NotStarted()) << '\n';
+}
+
+// The columns of the table form; "-" where nothing was read.
+const char* const kTableHeader[] = {"TARGET", "PROTOCOL", "NETWORK", "IPMI-OVER-LAN", "IPV4", "RESULT"};
+constexpr char kNothing[] = "-";
+
+std::vector<std::string> TableCells(const Target& target, const TargetOutcome& outcome) {
+    const char* protocol = ProtocolName(outcome.protocol);
+    const char* network = NetworkName(outcome.state.network);
+    const Plexum::ObservedState& state = outcome.state;
+    return {Plexum::Printable(target.label),
+            protocol != nullptr ? protocol : kNothing,
+            network != nullptr ? network : kNothing,
+            state.ipmiOverLan ? (*state.ipmiOverLan ? "enabled" : "disabled") : kNothing,
+            state.ipv4 && !state.ipv4->empty() ? Plexum::Printable(*state.ipv4) : kNothing,
+            Plexum::Printable(ResultLine(outcome))};
+}
+
 }  // namespace
 
 std::vector<OutputLine> OutputLines(const std::vector<Plexum::ConsoleLine>& console) {
@@ -168,37 +219,45 @@ void TextReport::TargetEnded(const TargetOutcome& outcome) {
         stream << prefix << text << '\n';
     };
     for (const OutputLine& line : OutputLines(outcome.console)) write(line.error, line.text);
-    if (outcome.interrupted) {
-        write(true, InterruptedText(outcome.changeSent));
-    } else {
-        const MorvelResult shown(outcome.result.code, outcome.failure);
-        std::ostringstream result;
-        result << shown;
-        write(!outcome.Succeeded(), result.str());
-    }
+    write(!outcome.Succeeded(), ResultLine(outcome));
     if (current != nullptr) current->flush();
 }
 
 void TextReport::Finish(const FleetSummary& summary, int64_t) {
     if (!m_summary) return;
-    m_out << m_title << ": " << summary.Targets() << " SMMs, " << summary.Succeeded()
-          << " succeeded, " << summary.Failed() << " failed";
-    const auto interrupted = summary.Interrupted();
-    if (!interrupted.empty()) m_out << ", " << interrupted.size() << " interrupted";
-    if (!summary.NotStarted().empty()) m_out << ", " << summary.NotStarted().size() << " not started";
-    m_out << '\n';
-    for (const auto& entry : summary.FailedByCode()) {
-        m_out << "  " << entry.first << ' ' << summary.Messages().at(entry.first) << ": "
-              << Joined(m_targets, entry.second) << '\n';
+    WriteSummary(m_out, m_title, m_targets, summary);
+    m_out.flush();
+}
+
+TableReport::TableReport(std::ostream& out, const std::vector<Target>& targets, std::string title, bool summary)
+    : m_out(out), m_targets(targets), m_title(std::move(title)), m_summary(summary), m_rows(targets.size()) {}
+
+void TableReport::TargetEnded(const TargetOutcome& outcome) {
+    m_rows[outcome.index] = TableCells(m_targets[outcome.index], outcome);
+}
+
+void TableReport::Finish(const FleetSummary& summary, int64_t) {
+    for (const size_t index : summary.NotStarted()) {
+        m_rows[index] = {Plexum::Printable(m_targets[index].label), kNothing, kNothing, kNothing, kNothing,
+                         "not started"};
     }
-    for (const bool changeSent : {true, false}) {
-        std::vector<size_t> indices;
-        for (const auto& entry : interrupted) {
-            if (entry.second == changeSent) indices.push_back(entry.first);
+    std::vector<std::vector<std::string>> rows;
+    rows.emplace_back(std::begin(kTableHeader), std::end(kTableHeader));
+    for (std::vector<std::string>& row : m_rows) {
+        if (!row.empty()) rows.push_back(std::move(row));
+    }
+    std::vector<size_t> widths(rows.front().size(), 0);
+    for (const auto& row : rows) {
+        for (size_t column = 0; column < row.size(); ++column) widths[column] = std::max(widths[column], row[column].size());
+    }
+    for (const auto& row : rows) {
+        std::string line;
+        for (size_t column = 0; column + 1 < row.size(); ++column) {
+            line += row[column] + std::string(widths[column] - row[column].size() + 2, ' ');
         }
-        if (!indices.empty()) m_out << "  " << InterruptedText(changeSent) << ": " << Joined(m_targets, indices) << '\n';
+        m_out << line << row.back() << '\n';
     }
-    if (!summary.NotStarted().empty()) m_out << "  not started: " << Joined(m_targets, summary.NotStarted()) << '\n';
+    if (m_summary) WriteSummary(m_out, m_title, m_targets, summary);
     m_out.flush();
 }
 

@@ -81,6 +81,25 @@ private:
     bool m_summary;
 };
 
+// One line per target in the order given, in aligned columns TARGET PROTOCOL
+// NETWORK IPMI-OVER-LAN IPV4 RESULT ("-" where nothing was read) under a header
+// line, written when the run ends, then the summary of the text form: a fleet
+// at a glance, on standard output.
+class TableReport : public FleetReport {
+public:
+    TableReport(std::ostream& out, const std::vector<Target>& targets, std::string title, bool summary);
+    void TargetEnded(const TargetOutcome& outcome) override;
+    void Finish(const FleetSummary& summary, int64_t elapsedMs) override;
+
+private:
+    std::ostream& m_out;
+    const std::vector<Target>& m_targets;
+    std::string m_title;
+    bool m_summary;
+    // The cells of each target that ended, by its place in the list; empty for the others.
+    std::vector<std::vector<std::string>> m_rows;
+};
+
 // One JSON object per target as it ends, then the summary object: JSON Lines
 // on standard output, nothing else there. doc/smmlan-records.schema.json
 // describes both.

@@ -87,7 +87,7 @@ class Completion(unittest.TestCase):
     def test_values(self):
         self.assertEqual(self.complete("morvel smmlan query --tls-verify "), ["none", "ca", "pin", "tofu"])
         self.assertEqual(self.complete("morvel smmlan enable --method "), ["static", "dhcp", "dhcp-failover"])
-        self.assertEqual(self.complete("morvel smmlan query --output "), ["text", "json"])
+        self.assertEqual(self.complete("morvel smmlan query --output "), ["text", "json", "table"])
         self.assertEqual(self.complete("morvel smmlan query --protocol r"), ["redfish"])
         self.assertEqual(self.complete("morvel smmlan query --fanout "), [])
 

@@ -268,6 +268,36 @@ class JsonOutput(FleetCase):
         self.assertEqual((summary["succeeded"], summary["failed"]), (2, 0))
 
 
+class TableOutput(FleetCase):
+    def test_a_mixed_fleet_at_a_glance_in_the_order_given(self):
+        redfish, ipmi, refused, dead = self.mixed()
+        targets = [sim.address for sim in redfish + ipmi] + [refused.address, dead]
+        result = self.fleet(["query", "--output", "table", "--bmc", "admin@" + ",".join(targets)])
+        self.assertEqual((result.returncode, result.stderr), (1, ""), result.describe())
+        width = max(len(label) for label in targets)
+        rows = [("TARGET", "PROTOCOL", "NETWORK", "IPMI-OVER-LAN", "IPV4", "RESULT")]
+        rows += [(sim.address, "redfish", "enabled", "disabled", "192.0.2.100", "0 Succeed.") for sim in redfish]
+        rows += [(sim.address, "ipmi", "enabled", "disabled", "192.0.2.100", "0 Succeed.") for sim in ipmi]
+        rows.append((refused.address, "ipmi", "-", "-", "-", "2054 " + AUTH))
+        rows.append((dead, "-", "-", "-", "-", "13 Connection failed."))
+        # Columns two blanks apart, each as wide as its widest cell: 8 PROTOCOL, 7 NETWORK, 13, 11 for 192.0.2.100.
+        table = "".join("%-*s  %-8s  %-7s  %-13s  %-11s  %s\n" % ((width,) + row) for row in rows)
+        summary = ("smmlan query: 20 SMMs, 18 succeeded, 2 failed\n"
+                   "  13 Connection failed.: %s\n"
+                   "  2054 %s: %s\n" % (dead, AUTH, refused.address))
+        self.assertEqual(result.stdout, table + summary)
+
+    def test_one_smm_keeps_its_own_exit_status(self):
+        sim = self.start_sims([{"PASSWORD": "other-pw", "REDFISH": "off"}])[0]
+        result = self.fleet(["query", "--output", "table", "--bmc", "admin@" + sim.address])
+        self.assertEqual((result.returncode, result.stderr), (255, ""), result.describe())
+        width = max(len(sim.address), len("TARGET"))
+        self.assertEqual(result.stdout,
+                         "%-*s  PROTOCOL  NETWORK  IPMI-OVER-LAN  IPV4  RESULT\n"
+                         "%-*s  ipmi      -        -              -     2054 %s\n" % (width, "TARGET", width, sim.address,
+                                                                                     AUTH))
+
+
 class Interrupt(FleetCase):
     def start_polling_enable(self, count, sig):
         """An enable of `count` IPMI-only SMMs whose change never shows; returns (sims, result) after `sig`."""
@@ -362,6 +392,40 @@ class Progress(FleetCase):
         self.assertTrue(text.endswith("\r\x1b[K"), repr(text[-80:]))
         self.assertTrue(stdout.endswith("smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n"))
         self.assertNotIn("\x1b", stdout)
+
+    def test_the_table_comes_whole_after_the_last_progress_line(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "STATUS_DELAY_READS": 2}] * 2)
+        config = self.write_config(CONFIG)
+        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config", config, "smmlan",
+                                 "disable", "--output", "table", "--bmc", "admin@" + ",".join(s.address for s in sims)]
+        # Standard output and error on one terminal, as an administrator sees them.
+        main, other = pty.openpty()
+        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
+                                   stdout=other, stderr=other)
+        os.close(other)
+        terminal = b""
+        while True:
+            ready, _, _ = select.select([main], [], [], 60)
+            self.assertTrue(ready, "nothing on the terminal")
+            try:
+                chunk = os.read(main, 4096)
+            except OSError:  # the process closed its end
+                break
+            if not chunk:
+                break
+            terminal += chunk
+        os.close(main)
+        self.assertEqual(process.wait(30), 0)
+        text = terminal.decode().replace("\r\n", "\n")
+        self.assertIn("smmlan disable: 0/2 done, 0 failed, 2 running, 0:00 elapsed", text)
+        # The last progress line is wiped, then the table and the summary follow with no control byte in them.
+        table = text[text.rindex("\r\x1b[K") + len("\r\x1b[K"):]
+        width = max(len(s.address) for s in sims)
+        # No address is read by a disable: IPV4 is as wide as its header.
+        self.assertEqual(table, "".join("%-*s  %-8s  %-8s  %-13s  %-4s  %s\n" % ((width,) + row) for row in
+                                        [("TARGET", "PROTOCOL", "NETWORK", "IPMI-OVER-LAN", "IPV4", "RESULT")] +
+                                        [(s.address, "ipmi", "disabled", "disabled", "-", "0 Succeed.") for s in sims]) +
+                         "smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n")
 
     def test_no_progress_when_standard_error_is_no_terminal(self):
         sims = self.start_sims([{"PASSWORD": PASSWORD}] * 2)

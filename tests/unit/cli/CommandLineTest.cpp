@@ -180,8 +180,10 @@ TEST(CommandLine, RunOptions) {
         EXPECT_EQ(error.exitStatus, 5) << bad;
         EXPECT_EQ(error.message, "--fanout must be a number from 1 to 1024") << bad;
     }
-    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output", "yaml"}).message, "--output must be text or json");
-    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output=JSON"}).message, "--output must be text or json; did you mean 'json'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output", "yaml"}).message, "--output must be text, json or table");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--output=JSON"}).message,
+              "--output must be text, json or table; did you mean 'json'?");
+    EXPECT_EQ(Parse({"smmlan", "query", "--output", "table"}).output, MorvelCli::OutputFormat::Table);
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--always-prefix=yes"}).message, "option --always-prefix takes no value");
     EXPECT_EQ(ErrorOf({"trust", "add", "h", "--yes=1"}).message, "option --yes takes no value");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--bmc-file="}).message, "option --bmc-file needs a file name");

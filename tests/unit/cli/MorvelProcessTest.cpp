@@ -866,7 +866,7 @@ TEST_F(MorvelProcess, CommandLineMistakes) {
          "morvel: unknown host option '--bogus' (options of a command go after COMMAND SUBCOMMAND)\n"},
         {{"--log-levle", "2", "probe", "query"}, 5, "morvel: unknown host option '--log-levle'; did you mean '--log-level'?\n"},
         {{"probe", "query", "--bogus", "x"}, 5, "morvel: unknown option '--bogus' for probe\n"},
-        {{"probe", "query", "--output", "yaml"}, 5, "morvel: --output must be text or json\n"},
+        {{"probe", "query", "--output", "yaml"}, 5, "morvel: --output must be text, json or table\n"},
         {{"probe", "query", "--bmc"}, 5,
          "morvel: option --bmc needs a value (write --bmc=VALUE for a value that starts with --)\n"},
         {{"probe", "query", "--method", "dhcp", "--method", "static"}, 5, "morvel: option --method given more than once\n"},

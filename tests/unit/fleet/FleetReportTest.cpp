@@ -11,6 +11,7 @@ using Fleet::FleetSummary;
 using Fleet::JsonLinesReport;
 using Fleet::Target;
 using Fleet::TargetOutcome;
+using Fleet::TableReport;
 using Fleet::TextReport;
 
 std::vector<Target> Targets(const std::vector<std::string>& values) {
@@ -151,6 +152,69 @@ TEST(TextReport, HostFailureShowsItsText) {
     outcome.failure = "module smmlan failed: boom";
     TextReport(out, err, targets, "smmlan query", false).TargetEnded(outcome);
     EXPECT_EQ(err.str(), "t0: 17 module smmlan failed: boom\n");
+}
+
+TEST(TableReport, OneAlignedLinePerTargetInTheOrderGivenThenTheSummary) {
+    const auto targets = Targets({"a@smm-redfish-01", "a@[fd00::5]:8443", "a@refused", "a@dead", "a@sent", "a@later"});
+    std::ostringstream out;
+    TableReport report(out, targets, "smmlan query", true);
+    // They end in another order than given.
+    auto dead = Outcome(3, 13, {});
+    auto refused = Outcome(2, 2054, {});
+    refused.protocol = Plexum::Protocol::Ipmi;
+    auto overIpmi = Outcome(1, 0, kQueryBlock);
+    overIpmi.protocol = Plexum::Protocol::Ipmi;
+    overIpmi.state.network = Plexum::NetworkState::Disabled;
+    overIpmi.state.ipmiOverLan = false;
+    auto overRedfish = Outcome(0, 0, kQueryBlock);
+    overRedfish.protocol = Plexum::Protocol::Redfish;
+    overRedfish.state.network = Plexum::NetworkState::Enabled;
+    overRedfish.state.ipmiOverLan = true;
+    overRedfish.state.ipv4 = "192.0.2.100";
+    auto sent = Outcome(4, 0, {});
+    sent.interrupted = true;
+    sent.changeSent = true;
+    sent.protocol = Plexum::Protocol::Ipmi;
+    sent.state.network = Plexum::NetworkState::Unknown;
+    FleetSummary summary(targets.size());
+    for (const TargetOutcome* outcome : {&dead, &refused, &overIpmi, &overRedfish, &sent}) {
+        report.TargetEnded(*outcome);
+        summary.Add(*outcome);
+    }
+    summary.SetNotStarted({5});
+    // Nothing is written before the run ends: no line can come between the progress line's redraws.
+    EXPECT_EQ(out.str(), "");
+    report.Finish(summary, 0);
+    EXPECT_EQ(out.str(),
+              "TARGET          PROTOCOL  NETWORK   IPMI-OVER-LAN  IPV4         RESULT\n"
+              "smm-redfish-01  redfish   enabled   enabled        192.0.2.100  0 Succeed.\n"
+              "[fd00::5]:8443  ipmi      disabled  disabled       -            0 Succeed.\n"
+              "refused         ipmi      -         -              -            2054 Authentication failed. For "
+              "instance, user name or password error.\n"
+              "dead            -         -         -              -            13 Connection failed.\n"
+              "sent            ipmi      unknown   -              -            interrupted after a change was sent; "
+              "the SMM's state is unconfirmed\n"
+              "later           -         -         -              -            not started\n"
+              "smmlan query: 6 SMMs, 2 succeeded, 2 failed, 1 interrupted, 1 not started\n"
+              "  13 Connection failed.: dead\n"
+              "  2054 Authentication failed. For instance, user name or password error.: refused\n"
+              "  interrupted after a change was sent; the SMM's state is unconfirmed: sent\n"
+              "  not started: later\n");
+}
+
+TEST(TableReport, OneTargetHasNoSummaryAndAHostFailureShowsItsText) {
+    const auto targets = Targets({"a@t0"});
+    std::ostringstream out;
+    TableReport report(out, targets, "smmlan query", false);
+    auto outcome = Outcome(0, 5, {});
+    outcome.failure = "the password command exited with status 1";
+    report.TargetEnded(outcome);
+    FleetSummary summary(1);
+    summary.Add(outcome);
+    report.Finish(summary, 0);
+    EXPECT_EQ(out.str(),
+              "TARGET  PROTOCOL  NETWORK  IPMI-OVER-LAN  IPV4  RESULT\n"
+              "t0      -         -        -              -     5 the password command exited with status 1\n");
 }
 
 TEST(JsonLinesReport, OneRecordPerTargetThenTheSummary) {
