@@ -7,7 +7,7 @@
 # split them; what is offered is cut back to the part readline replaces.
 
 _morvel_host_options='--config --log-file --log-level --password-file --show-config --help --version'
-_morvel_smmlan_options='--bmc --bmc-file --method --fanout --output --always-prefix --protocol --tls-verify --cacert --known-smms --credentials-file --password-command --password-file --help'
+_morvel_smmlan_options='--bmc --bmc-file --method --fanout --output --always-prefix --detect-timeout --max-auth-failures --canary --max-failures --retry-file --protocol --tls-verify --cacert --known-smms --credentials-file --password-command --password-file --help'
 _morvel_trust_options='--known-smms --yes --help'
 
 # The hosts of the known-SMMs file (first field of each line), one a line.
@@ -38,7 +38,7 @@ _morvel_files() {
 _morvel_value() {
     local option=$1 cur=$2 known=$3
     case $option in
-        --config | --log-file | --password-file | --bmc-file | --cacert | --known-smms | --credentials-file)
+        --config | --log-file | --password-file | --bmc-file | --cacert | --known-smms | --credentials-file | --retry-file)
             _morvel_files "$cur" ;;
         --log-level) _morvel_offer $'0\n1\n2\n3\n4' "$cur" ;;
         --method) _morvel_offer $'static\ndhcp\ndhcp-failover' "$cur" ;;
@@ -67,7 +67,8 @@ _morvel_value() {
 _morvel_takes_value() {
     case $1 in
         --config | --log-file | --log-level | --password-file | --bmc | --bmc-file | --method | --fanout | \
-            --output | --protocol | --tls-verify | --cacert | --known-smms | --credentials-file | --password-command)
+            --output | --protocol | --tls-verify | --cacert | --known-smms | --credentials-file | --password-command | \
+            --detect-timeout | --max-auth-failures | --canary | --max-failures | --retry-file)
             return 0 ;;
     esac
     return 1

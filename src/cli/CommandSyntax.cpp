@@ -77,6 +77,18 @@ const std::vector<OptionDeclaration>& SmmTargetOptions() {
          "JSON Lines; table: one line per SMM in the order given (target, protocol, network, IPMI over LAN, IPv4, "
          "result) and the summary, when the run ends"},
         {"always-prefix", nullptr, nullptr, false, false, kMany, "label every line with its SMM, even for one"},
+        {"detect-timeout", "SECONDS", nullptr, false, false, kMany,
+         "an SMM that answers neither on its Redfish port nor on UDP port 623 within SECONDS is reported "
+         "unreachable (13) without running the rest (0: off; default 5 for two or more SMMs, off for one)"},
+        {"max-auth-failures", "N", nullptr, false, false, kMany,
+         "until one SMM accepts the credentials, at most N are tried at once, and once N refused them no other "
+         "starts (0: off; default 3 for two or more SMMs)"},
+        {"canary", "N", nullptr, false, false, kMany,
+         "the first N SMMs run first, alone; the rest start only if all N succeeded"},
+        {"max-failures", "N|P%", nullptr, false, false, kMany,
+         "once more than N SMMs, or than P % of those ended (judged from 10 on), failed, no other starts"},
+        {"retry-file", "FILE", nullptr, false, false, kMany,
+         "write the SMMs that did not succeed to FILE, one USER@HOST line each, for --bmc-file"},
         {"protocol", "auto|redfish|ipmi", kProtocols, true, false, kTrust,
          "Redfish first, then IPMI (default); or only the one named"},
         {"tls-verify", "none|ca|pin|tofu", kTlsModes, true, false, kTrust,

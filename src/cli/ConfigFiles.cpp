@@ -76,6 +76,8 @@ const std::vector<KnownConfigKey>& KnownConfigKeys() {
         {"REDFISH_TLS_VERIFY", "none", nullptr},
         {"REDFISH_CA_FILE", nullptr, "the system's CA certificates"},
         {"REDFISH_KNOWN_SMMS", nullptr, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"},
+        {"SMM_DETECT_TIMEOUT", "5", nullptr},
+        {"SMM_MAX_AUTH_FAILURES", "3", nullptr},
     };
     return keys;
 }

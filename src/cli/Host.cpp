@@ -17,14 +17,19 @@
 #include "cli/CommandLine.h"
 #include "cli/CommandSyntax.h"
 #include "cli/ConfigFiles.h"
+#include "cli/FleetSettings.h"
 #include "cli/HelpText.h"
 #include "cli/HostLog.h"
 #include "cli/ModuleLoader.h"
 #include "cli/ModuleRun.h"
 #include "cli/PasswordSource.h"
 #include "cli/RunSettings.h"
+#include "common/result/ResultCodes.h"
+#include "fleet/Detector.h"
 #include "fleet/Fleet.h"
+#include "fleet/RetryFile.h"
 #include "fleet/TargetList.h"
+#include "host/ConsoleReport.h"
 #include "host/GlobalConfig.h"
 #include "host/Log.h"
 #include "host/MorvelResult.h"
@@ -150,8 +155,8 @@ bool ReadTargets(const CommandLine& line, TargetList& list, int& exitStatus) {
 // else one for them all from MORVEL_BMC_PASSWORD, else --password-file, else
 // one prompt for the run.
 bool ResolvePasswords(const CommandLine& line, const RunSettings& settings, std::vector<Target>& targets,
-                      int& exitStatus) {
-    std::string origin = "--bmc";
+                      std::string& origin, int& exitStatus) {
+    origin = "--bmc";
     for (Target& target : targets) {
         if (target.bmc.hasPassword || !settings.credentials) continue;
         const std::string host = target.bmc.ipv6 ? "[" + target.bmc.host + "]" : target.bmc.host;
@@ -289,15 +294,29 @@ bool FetchPassword(const RunSettings& settings, Fleet::Target& target, Fleet::Ta
     return true;
 }
 
+// Which answers the detection counts, by the protocols the run may use.
+std::optional<Fleet::DetectOptions> DetectionOf(const RunSettings& settings, const FleetSettings& fleet) {
+    if (!fleet.detect) return std::nullopt;
+    Fleet::DetectOptions detect;
+    detect.redfish = settings.protocols != Plexum::ProtocolChoice::Ipmi;
+    detect.ipmi = settings.protocols != Plexum::ProtocolChoice::Redfish;
+    detect.bound = *fleet.detect;
+    return detect;
+}
+
 // Every target runs the module's whole behaviour with the run's settings
 // applied to its own run context.
 int RunManyTargets(const ModuleLoader& loader, const UserContext& base, const std::vector<Fleet::Target>& targets,
-                   const CommandLine& line, const RunSettings& settings) {
+                   const CommandLine& line, const RunSettings& settings, const FleetSettings& fleet,
+                   const std::string& passwordOrigin) {
     Fleet::FleetOptions options;
     options.command = line.command;
     options.subcommand = line.subCommand;
     options.fanout = line.fanout;
     options.output = line.output;
+    options.guards = Fleet::GuardLimits{fleet.maxAuthFailures, fleet.canary, fleet.maxFailures, passwordOrigin};
+    options.detect = DetectionOf(settings, fleet);
+    options.retryFile = fleet.retryFile;
     return Fleet::RunFleet(targets, options, [&](Fleet::Target& target, Fleet::TargetOutcome& outcome) {
         settings.ApplyTo(Plexum::RunContext::Current(), target);
         if (!target.bmc.hasPassword && !FetchPassword(settings, target, outcome)) return;
@@ -321,6 +340,32 @@ std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
 }
 
 namespace {
+
+// One SMM, run straight on this thread: its console lines and result line go
+// to the streams as they come. Asked first when --detect-timeout says so.
+int RunOneTarget(const ModuleLoader& loader, UserContext& context, Target& target, const RunSettings& settings,
+                 const FleetSettings& fleet, const std::string& caseNote) {
+    if (const std::optional<Fleet::DetectOptions> detect = DetectionOf(settings, fleet)) {
+        if (!Fleet::Detect(target, *detect)) {
+            const std::string line = Fleet::UnreachableText(*detect, target.bmc.port);
+            ConsoleReport(1, HostLog::kSource, HostLog::kUnreachable).Stream() << line;
+            const MorvelResult result(RESULT_CONNECTION_FAILED);
+            std::cerr << result << std::endl;
+            PLEXUM_LOG(3, HostLog::kSource, HostLog::kResult) << "result: " << result << " (exit status 13)";
+            return Plexum::ExitStatusForCode(result.code);
+        }
+    }
+    if (!target.bmc.hasPassword) {
+        const MorvelCli::PasswordCommand::Answer answer =
+            settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
+        if (!answer.password) return Fail(kExitInvalidParameter, answer.error);
+        target.bmc.password = *answer.password;
+        target.bmc.hasPassword = true;
+    }
+    settings.ApplyTo(Plexum::RunContext::Current(), target);
+    context.options["bmc"] = target.BmcText();
+    return RunModule(loader, context, caseNote);
+}
 
 int RunCommandLine(int argc, char** argv) {
     const std::vector<std::string> words(argv, argv + argc);
@@ -389,23 +434,23 @@ int RunCommandLine(int argc, char** argv) {
     const RunSettingsRead read = ReadRunSettings(line, std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
     if (!read.settings) return Fail(kExitInvalidParameter, read.error);
     const RunSettings& settings = *read.settings;
+    const FleetSettingsRead fleetRead = ReadFleetSettings(line, targets.size());
+    if (!fleetRead.settings) return Fail(kExitInvalidParameter, fleetRead.error);
     const bool fleet = targets.size() >= 2 || line.output != OutputFormat::Text || line.alwaysPrefix;
     std::string caseNote;
     if (!CheckSubcommand(syntax, line, settings, targets, fleet, caseNote, exitStatus)) return exitStatus;
-    if (!ResolvePasswords(line, settings, targets, exitStatus)) return exitStatus;
+    std::string passwordOrigin;
+    if (!ResolvePasswords(line, settings, targets, passwordOrigin, exitStatus)) return exitStatus;
     UserContext context = MakeContext(line, loader.Path(), argc, argv);
-    if (fleet) return RunManyTargets(loader, context, targets, line, settings);
-    Target& target = targets.front();
-    if (!target.bmc.hasPassword) {
-        const MorvelCli::PasswordCommand::Answer answer =
-            settings.passwordCommand->Run(target.bmc.host, target.bmc.port, target.bmc.user);
-        if (!answer.password) return Fail(kExitInvalidParameter, answer.error);
-        target.bmc.password = *answer.password;
-        target.bmc.hasPassword = true;
+    if (fleet) {
+        return RunManyTargets(loader, context, targets, line, settings, *fleetRead.settings, passwordOrigin);
     }
-    settings.ApplyTo(Plexum::RunContext::Current(), target);
-    context.options["bmc"] = target.BmcText();
-    return RunModule(loader, context, caseNote);
+    const int status = RunOneTarget(loader, context, targets.front(), settings, *fleetRead.settings, caseNote);
+    if (!fleetRead.settings->retryFile.empty()) {
+        const Fleet::RetryFile retry(fleetRead.settings->retryFile);
+        if (const auto error = retry.Write(targets, {status == 0})) return Fail(status == 0 ? 1 : status, *error);
+    }
+    return status;
 }
 
 }  // namespace

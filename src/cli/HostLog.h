@@ -26,6 +26,7 @@ constexpr int kStart = 251;
 constexpr int kModule = 262;
 
 constexpr int kSubcommandNote = 301;
+constexpr int kUnreachable = 302;
 using Fleet::FleetLog::kModuleFailure;
 using Fleet::FleetLog::kTargets;
 }  // namespace HostLog

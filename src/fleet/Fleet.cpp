@@ -22,6 +22,7 @@
 #include "fleet/FleetLog.h"
 #include "fleet/FleetReport.h"
 #include "fleet/FleetRunner.h"
+#include "fleet/RetryFile.h"
 #include "host/Clock.h"
 #include "host/ExitStatus.h"
 #include "host/Files.h"
@@ -117,21 +118,45 @@ std::string ProgressText(const std::string& title, const FleetRunner::Counts& co
            " elapsed";
 }
 
-// Raises the open-files limit to what `running` targets at once may need:
-// each holds up to six descriptors (its HTTPS socket and libcurl's wake-up
-// pair; for a host name also the resolver's pair and the files it reads).
-// A limit that cannot go high enough refuses the fan-out.
-std::optional<std::string> RaiseOpenFileLimit(size_t running) {
+// How many targets may be in flight, and probed, within what the process may open.
+struct OpenFilePlan {
+    size_t maxInFlight;
+    size_t maxProbes;
+};
+
+// Raises the open-files limit to what the run may need: a target exchanging
+// packets up to six descriptors (its HTTPS socket and libcurl's wake-up pair;
+// for a host name also the resolver's pair and the files it reads), a paused
+// one two (libcurl keeps its connection), a detection probe one. The fan-out
+// must fit, or it is refused; paused targets and probes get what the hard
+// limit leaves beyond it.
+std::optional<std::string> PlanOpenFiles(size_t fanout, size_t targets, bool detecting, OpenFilePlan& plan) {
     constexpr rlim_t kPerTarget = 6;
+    constexpr rlim_t kPerPaused = 2;
     constexpr rlim_t kForTheProcess = 64;
-    const rlim_t needed = kForTheProcess + kPerTarget * static_cast<rlim_t>(running);
+    const size_t exchanging = std::min(fanout, targets);
+    const size_t inFlight = std::min(targets, kMaxInFlight);
+    const size_t probes = detecting ? std::min(targets, DetectOptions().maxProbes) : 0;
+    const rlim_t floor = kForTheProcess + kPerTarget * exchanging;
+    rlim_t needed = floor + kPerPaused * (inFlight - exchanging) + probes;
+    plan = OpenFilePlan{inFlight, probes};
     rlimit limit{};
     if (::getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= needed) return std::nullopt;
     if (limit.rlim_max != RLIM_INFINITY && limit.rlim_max < needed) {
-        const rlim_t most = limit.rlim_max > kForTheProcess ? (limit.rlim_max - kForTheProcess) / kPerTarget : 0;
-        return "--fanout " + std::to_string(running) + " may need " + std::to_string(needed) +
-               " open files, but this process may open at most " + std::to_string(limit.rlim_max) +
-               " (ulimit -Hn); use --fanout " + std::to_string(most) + " or less";
+        if (limit.rlim_max < floor) {
+            const rlim_t most = limit.rlim_max > kForTheProcess ? (limit.rlim_max - kForTheProcess) / kPerTarget : 0;
+            return "--fanout " + std::to_string(exchanging) + " may need " + std::to_string(floor) +
+                   " open files, but this process may open at most " + std::to_string(limit.rlim_max) +
+                   " (ulimit -Hn); use --fanout " + std::to_string(most) + " or less";
+        }
+        rlim_t room = limit.rlim_max - floor;
+        plan.maxProbes = std::min<size_t>(probes, room / 2);
+        room -= plan.maxProbes;
+        plan.maxInFlight = exchanging + std::min<size_t>(inFlight - exchanging, room / kPerPaused);
+        needed = limit.rlim_max;
+        PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kOpenFileLimit)
+            << "open-files limit " << limit.rlim_max << ": at most " << plan.maxInFlight << " targets in flight and "
+            << plan.maxProbes << " probed at once";
     }
     limit.rlim_cur = needed;
     if (::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -166,7 +191,8 @@ int RunFleet(const std::vector<Target>& targets, const FleetOptions& options, Ru
     // FreeIPMI is not set up here: the first IPMI session does it, once, so that
     // a run over Redfish never loads it.
     FillCharacterTable();
-    if (const auto refused = RaiseOpenFileLimit(std::min<size_t>(options.fanout, targets.size()))) {
+    OpenFilePlan plan{};
+    if (const auto refused = PlanOpenFiles(options.fanout, targets.size(), options.detect.has_value(), plan)) {
         PLEXUM_LOG(1, FleetLog::kSource, FleetLog::kOpenFileLimit) << *refused;
         std::cerr << "morvel: " << *refused << std::endl;
         return Plexum::kExitInvalidParameter;
@@ -178,15 +204,21 @@ int RunFleet(const std::vector<Target>& targets, const FleetOptions& options, Ru
     ProgressLine progress(targets.size() >= 2 && ::isatty(STDERR_FILENO) == 1);
     std::mutex output;
     int singleStatus = 0;
+    std::vector<bool> succeeded(targets.size(), false);  // under `output`
     Plexum::StopSignal stop;
-    FleetRunner runner(targets, options.fanout, stop, std::move(run));
+    RunnerOptions runnerOptions{{options.fanout, plan.maxInFlight}, options.guards, options.detect};
+    if (runnerOptions.detect) runnerOptions.detect->maxProbes = std::max<size_t>(1, plan.maxProbes);
+    FleetRunner runner(targets, std::move(runnerOptions), stop, std::move(run));
     runner.Start(
-        [&](TargetOutcome&& outcome) {
+        [&](TargetOutcome&& outcome, const std::optional<std::string>& stoppedBy) {
             std::lock_guard<std::mutex> lock(output);
             progress.Clear();
             report->TargetEnded(outcome);
             summary.Add(outcome);
+            succeeded[outcome.index] = outcome.Succeeded();
             singleStatus = Plexum::ExitStatusForCode(outcome.result.code);
+            // Said at once, while the SMMs under way end: nothing else will start.
+            if (stoppedBy) std::cerr << "morvel: " << *stoppedBy << std::endl;
         },
         [&] {
             const uint64_t one = 1;
@@ -204,12 +236,16 @@ int RunFleet(const std::vector<Target>& targets, const FleetOptions& options, Ru
         if ((watched[0].revents & POLLIN) != 0) {
             const int number = interrupts.Take();
             if (stoppedBy != 0 && number == SIGINT) {
+                std::lock_guard<std::mutex> lock(output);
                 progress.Clear();
+                // What did not succeed so far, running ones included, can be run again.
+                if (!options.retryFile.empty()) static_cast<void>(RetryFile(options.retryFile).Write(targets, succeeded));
                 EndBySignal(SIGINT);
             }
             if (stoppedBy == 0 && number != 0) {
                 stoppedBy = number;
                 PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kStopSignal) << "signal " << number << ": no target starts any more";
+                runner.Stop();
                 stop.Request();
             }
         }
@@ -222,6 +258,11 @@ int RunFleet(const std::vector<Target>& targets, const FleetOptions& options, Ru
     }
     runner.Join();
     summary.SetNotStarted(runner.NotStarted());
+    if (stoppedBy != 0) {
+        summary.SetStoppedBy(std::string("interrupted by ") + (stoppedBy == SIGINT ? "SIGINT" : "SIGTERM"), true);
+    } else {
+        summary.SetStoppedBy(runner.StoppedBy(), false);
+    }
     progress.Clear();
     report->Finish(summary, Plexum::MillisecondsSince(start));
 
@@ -232,6 +273,13 @@ int RunFleet(const std::vector<Target>& targets, const FleetOptions& options, Ru
         status = singleStatus;
     } else {
         status = summary.Succeeded() == targets.size() ? 0 : 1;
+    }
+    if (!options.retryFile.empty()) {
+        if (const auto error = RetryFile(options.retryFile).Write(targets, succeeded)) {
+            PLEXUM_LOG(1, FleetLog::kSource, FleetLog::kRetryFile) << *error;
+            std::cerr << "morvel: " << *error << std::endl;
+            if (status == 0) status = 1;
+        }
     }
     PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kFleetEnd) << summary.Succeeded() << " of " << targets.size()
                                      << " targets succeeded (exit status " << status << ")";

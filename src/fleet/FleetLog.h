@@ -19,6 +19,9 @@ constexpr int kStopSignal = 313;
 constexpr int kModuleFailure = 314;
 constexpr int kInterrupted = 315;
 constexpr int kFleetEnd = 316;
+constexpr int kDetection = 317;
+constexpr int kGuard = 318;
+constexpr int kRetryFile = 319;
 }  // namespace FleetLog
 
 }  // namespace Fleet

@@ -140,6 +140,8 @@ void WriteSummary(std::ostream& out, const std::string& title, const std::vector
         if (!indices.empty()) out << "  " << InterruptedText(changeSent) << ": " << Joined(targets, indices) << '\n';
     }
     if (!summary.NotStarted().empty()) out << "  not started: " << Joined(targets, summary.NotStarted()) << '\n';
+    // A signal says so already; a guard says here why it stopped the run, and what to check.
+    if (summary.StoppedBy() && !summary.StoppedBySignal()) out << "  stopped: " << *summary.StoppedBy() << '\n';
 }
 
 // The columns of the table form; "-" where nothing was read.
@@ -180,6 +182,9 @@ const char* InterruptedText(bool changeSent) {
 }
 
 void FleetSummary::Add(const TargetOutcome& outcome) {
+    if (outcome.unreachable) {
+        m_unreachable.insert(std::upper_bound(m_unreachable.begin(), m_unreachable.end(), outcome.index), outcome.index);
+    }
     if (outcome.interrupted) {
         m_interrupted[outcome.index] = outcome.changeSent;
     } else if (outcome.Succeeded()) {
@@ -295,6 +300,12 @@ void JsonLinesReport::TargetEnded(const TargetOutcome& outcome) {
     json.Bool(outcome.interrupted);
     json.Key("change_sent");
     json.Bool(outcome.changeSent);
+    json.Key("unreachable");
+    if (outcome.unreachable && !outcome.console.empty()) {
+        WriteText(json, outcome.console.front().text);
+    } else {
+        json.Null();
+    }
     json.Key("state");
     WriteState(json, outcome.state);
     json.Key("elapsed_ms");
@@ -336,6 +347,14 @@ void JsonLinesReport::Finish(const FleetSummary& summary, int64_t elapsedMs) {
     WriteLabels(json, m_targets, interrupted);
     json.Key("not_started");
     WriteLabels(json, m_targets, summary.NotStarted());
+    json.Key("unreachable");
+    WriteLabels(json, m_targets, summary.Unreachable());
+    json.Key("stopped_by");
+    if (summary.StoppedBy()) {
+        WriteText(json, *summary.StoppedBy());
+    } else {
+        json.Null();
+    }
     json.EndObject();
     json.EndObject();
     m_out << buffer.GetString() << '\n' << std::flush;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -30,6 +31,11 @@ public:
 
     void Add(const TargetOutcome& outcome);
     void SetNotStarted(std::vector<size_t> indices) { m_notStarted = std::move(indices); }
+    // What kept the not-started targets from starting: a guard's line, or the signal.
+    void SetStoppedBy(std::optional<std::string> why, bool bySignal) {
+        m_stoppedBy = std::move(why);
+        m_bySignal = bySignal;
+    }
 
     size_t Targets() const { return m_targets; }
     size_t Succeeded() const { return m_succeeded; }
@@ -41,6 +47,10 @@ public:
     // Interrupted targets in the order given, and whether each had sent a change.
     std::vector<std::pair<size_t, bool>> Interrupted() const;
     const std::vector<size_t>& NotStarted() const { return m_notStarted; }
+    const std::optional<std::string>& StoppedBy() const { return m_stoppedBy; }
+    bool StoppedBySignal() const { return m_bySignal; }
+    // Targets that answered nothing within the detection's bound, in the order given.
+    const std::vector<size_t>& Unreachable() const { return m_unreachable; }
 
 private:
     size_t m_targets;
@@ -50,6 +60,9 @@ private:
     std::map<uint16_t, std::string> m_messages;
     std::map<size_t, bool> m_interrupted;
     std::vector<size_t> m_notStarted;
+    std::vector<size_t> m_unreachable;
+    std::optional<std::string> m_stoppedBy;
+    bool m_bySignal = false;
 };
 
 // How a run over many targets is shown: one view per output format.

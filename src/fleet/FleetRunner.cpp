@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "fleet/FleetRunner.h"
 
-#include <algorithm>
 #include <chrono>
 
+#include "common/result/ResultCodes.h"
 #include "fleet/FleetLog.h"
 #include "host/Clock.h"
 #include "host/Log.h"
@@ -14,62 +14,99 @@ namespace Fleet {
 using Plexum::MillisecondsSince;
 using Plexum::Printable;
 
-FleetRunner::FleetRunner(const std::vector<Target>& targets, unsigned fanout, Plexum::StopSignal& stop, RunTarget run)
-    : m_targets(targets), m_fanout(fanout), m_stop(stop), m_run(std::move(run)) {}
+FleetRunner::FleetRunner(const std::vector<Target>& targets, RunnerOptions options, Plexum::StopSignal& stop,
+                         RunTarget run)
+    : m_targets(targets),
+      m_options(std::move(options)),
+      m_stop(stop),
+      m_run(std::move(run)),
+      m_scheduler(targets.size(), m_options.limits, m_options.guards, targets, [this] { Spawn(); },
+                  [this] {
+                      if (m_allDone) m_allDone();
+                  }) {}
 
-FleetRunner::~FleetRunner() { Join(); }
+FleetRunner::~FleetRunner() {
+    Stop();
+    Join();
+}
 
 void FleetRunner::Start(Finished finished, std::function<void()> allDone) {
     m_finished = std::move(finished);
     m_allDone = std::move(allDone);
-    const size_t workers = std::min<size_t>(m_fanout, m_targets.size());
-    m_workersLeft = workers;
-    m_workers.reserve(workers);
-    for (size_t i = 0; i < workers; ++i) m_workers.emplace_back([this] { Work(); });
-    if (workers == 0 && m_allDone) m_allDone();
+    if (!m_options.detect) {
+        m_scheduler.AllReady();
+        return;
+    }
+    m_detector = std::make_unique<Detector>(m_targets, *m_options.detect,
+                                            [this](size_t index, bool answered) { Verdict(index, answered); });
+    m_detector->Start();
+}
+
+void FleetRunner::Stop() {
+    m_scheduler.Stop();
+    if (m_detector) m_detector->Stop();
 }
 
 void FleetRunner::Join() {
-    for (std::thread& worker : m_workers) {
-        if (worker.joinable()) worker.join();
+    if (m_detector) {
+        m_detector->Join();
+        m_scheduler.DetectionEnded();
+    }
+    // Workers are made under the scheduler's lock until it has none left to
+    // start: once the last of them is joined, none comes after.
+    for (;;) {
+        std::thread worker;
+        {
+            const std::lock_guard<std::mutex> lock(m_threadsMutex);
+            for (std::thread& candidate : m_workers) {
+                if (candidate.joinable()) {
+                    worker = std::move(candidate);
+                    break;
+                }
+            }
+        }
+        if (!worker.joinable()) return;
+        worker.join();
     }
 }
 
-FleetRunner::Counts FleetRunner::Now() const {
-    std::lock_guard<std::mutex> lock(m_finishedMutex);
-    return m_counts;
-}
-
-std::vector<size_t> FleetRunner::NotStarted() const {
-    std::vector<size_t> indices = m_handedBack;
-    for (size_t i = std::min(m_next.load(), m_targets.size()); i < m_targets.size(); ++i) indices.push_back(i);
-    std::sort(indices.begin(), indices.end());
-    return indices;
+void FleetRunner::Spawn() {
+    const std::lock_guard<std::mutex> lock(m_threadsMutex);
+    m_workers.emplace_back([this] { Work(); });
 }
 
 void FleetRunner::Work() {
-    for (;;) {
-        // Checked before taking a target, so that a stopped run leaves the rest unstarted.
-        if (m_stop.Requested()) break;
-        const size_t index = m_next.fetch_add(1);
-        if (index >= m_targets.size()) break;
-        {
-            std::lock_guard<std::mutex> lock(m_finishedMutex);
-            if (m_stop.Requested()) {
-                // Taken just as the stop came: it never starts.
-                m_handedBack.push_back(index);
-                break;
-            }
-            ++m_counts.running;
-        }
-        TargetOutcome outcome = RunOne(index);
-        std::lock_guard<std::mutex> lock(m_finishedMutex);
-        --m_counts.running;
-        ++m_counts.done;
-        if (!outcome.Succeeded()) ++m_counts.failed;
-        if (m_finished) m_finished(std::move(outcome));
+    bool arriving = true;
+    while (const std::optional<size_t> index = m_scheduler.Take(arriving)) {
+        arriving = false;
+        TargetOutcome outcome = RunOne(*index);
+        const bool stopped = m_scheduler.Ended(*index, outcome.Succeeded(), outcome.interrupted, outcome.credentials);
+        Deliver(std::move(outcome), stopped);
     }
-    if (--m_workersLeft == 0 && m_allDone) m_allDone();
+}
+
+void FleetRunner::Verdict(size_t index, bool answered) {
+    if (answered) {
+        m_scheduler.Answered(index);
+        return;
+    }
+    TargetOutcome outcome;
+    outcome.index = index;
+    outcome.unreachable = true;
+    outcome.result = MorvelResult(RESULT_CONNECTION_FAILED);
+    outcome.console.push_back(Plexum::ConsoleLine{true, UnreachableText(*m_options.detect, m_targets[index].bmc.port)});
+    outcome.elapsedMs = m_options.detect->bound.count();
+    const bool stopped = m_scheduler.Unreachable(index);
+    Deliver(std::move(outcome), stopped);
+}
+
+void FleetRunner::Deliver(TargetOutcome&& outcome, bool stopped) {
+    const std::lock_guard<std::mutex> lock(m_deliverMutex);
+    const std::optional<std::string> why = stopped ? m_scheduler.StoppedBy() : std::nullopt;
+    if (why) {
+        PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kGuard) << "no SMM starts any more: " << *why;
+    }
+    if (m_finished) m_finished(std::move(outcome), why);
 }
 
 TargetOutcome FleetRunner::RunOne(size_t index) {
@@ -78,6 +115,7 @@ TargetOutcome FleetRunner::RunOne(size_t index) {
     TargetOutcome outcome;
     outcome.index = index;
     Plexum::RunContext run(target.label, &m_stop);
+    run.SetObserver(&m_scheduler);
     {
         Plexum::ScopedRunContext installed(run);
         PLEXUM_LOG(3, FleetLog::kSource, FleetLog::kTarget)
@@ -99,6 +137,7 @@ TargetOutcome FleetRunner::RunOne(size_t index) {
     outcome.changeSent = run.ChangeSent();
     outcome.protocol = run.ServedBy();
     outcome.state = run.State();
+    outcome.credentials = run.Credentials();
     outcome.console = run.ConsoleLines();
     outcome.elapsedMs = MillisecondsSince(start);
     return outcome;

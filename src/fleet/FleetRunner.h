@@ -1,14 +1,18 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "fleet/Detector.h"
+#include "fleet/Guards.h"
+#include "fleet/Scheduler.h"
 #include "fleet/TargetList.h"
 #include "host/MorvelResult.h"
 #include "host/RunContext.h"
@@ -19,11 +23,15 @@ namespace Fleet {
 struct TargetOutcome {
     size_t index = 0;  // the target's place in the run's list
     MorvelResult result;
-    std::string failure;       // the host could not run the target to its end: why, in one line
+    // The host could not run the target to its end: why, in one line; `result`
+    // says how (5: the password command gave no password; 17: the module failed).
+    std::string failure;
     bool interrupted = false;  // stopped at a wait; `result` means nothing then
+    bool unreachable = false;  // answered nothing within the detection's bound: never run
     bool changeSent = false;
     Plexum::Protocol protocol = Plexum::Protocol::None;
     Plexum::ObservedState state;
+    Plexum::CredentialsVerdict credentials = Plexum::CredentialsVerdict::Untried;
     std::vector<Plexum::ConsoleLine> console;
     int64_t elapsedMs = 0;
 
@@ -36,52 +44,63 @@ struct TargetOutcome {
 // end; Plexum::RunInterrupted passes through it.
 using RunTarget = std::function<void(Target& target, TargetOutcome& outcome)>;
 
-// Runs every target through `run` on a pool of at most `fanout` threads: each
-// takes the next target as soon as it is free, so a slow SMM holds up no other.
-// Every target runs with a run context of its own. Once `stop` is requested no
-// target starts, and running ones end at their next wait.
+struct RunnerOptions {
+    Scheduler::Limits limits;
+    GuardLimits guards;
+    // When set, a target runs only once it answered; one that does not ends as unreachable.
+    std::optional<DetectOptions> detect;
+};
+
+// Runs every target through `run` on threads of its own (one per target in
+// flight, made as needed), as the scheduler lets them start: detected first
+// when detection is on, within the fan-out and the guards. Every target runs
+// with a run context of its own. Once `stop` is requested (Stop) no target
+// starts, and running ones end at their next wait.
 class FleetRunner {
 public:
-    using Finished = std::function<void(TargetOutcome&&)>;
+    // A target ended (ran, or was found unreachable); `stoppedBy` is set when
+    // that ending made a guard stop the run. Called one at a time.
+    using Finished = std::function<void(TargetOutcome&&, const std::optional<std::string>& stoppedBy)>;
 
-    FleetRunner(const std::vector<Target>& targets, unsigned fanout, Plexum::StopSignal& stop, RunTarget run);
+    FleetRunner(const std::vector<Target>& targets, RunnerOptions options, Plexum::StopSignal& stop, RunTarget run);
     ~FleetRunner();
     FleetRunner(const FleetRunner&) = delete;
     FleetRunner& operator=(const FleetRunner&) = delete;
 
-    // Starts the workers. `finished` is called for each target that ran, on
-    // the worker's thread, one call at a time, in the order targets end;
-    // `allDone` once, from the last worker to leave.
+    // Starts detection and the first workers. `allDone` is called once, from
+    // any thread, when no target will start any more and every worker left.
     void Start(Finished finished, std::function<void()> allDone);
-    // Waits for every worker.
+    // No target starts any more; detection ends.
+    void Stop();
+    // Waits for the detection and every worker.
     void Join();
 
-    struct Counts {
-        size_t done = 0;
-        size_t failed = 0;  // of those done
-        size_t running = 0;
-    };
+    using Counts = Scheduler::Counts;
     // One consistent reading, for the progress line.
-    Counts Now() const;
+    Counts Now() const { return m_scheduler.Now(); }
     // After Join: the targets that never started, in the order given.
-    std::vector<size_t> NotStarted() const;
+    std::vector<size_t> NotStarted() const { return m_scheduler.NotStarted(); }
+    // Why a guard stopped the run, if one did.
+    std::optional<std::string> StoppedBy() const { return m_scheduler.StoppedBy(); }
 
 private:
+    void Spawn();
     void Work();
     TargetOutcome RunOne(size_t index);
+    void Deliver(TargetOutcome&& outcome, bool stopped);
+    void Verdict(size_t index, bool answered);
 
     const std::vector<Target>& m_targets;
-    unsigned m_fanout;
+    RunnerOptions m_options;
     Plexum::StopSignal& m_stop;
     RunTarget m_run;
     Finished m_finished;
     std::function<void()> m_allDone;
-    mutable std::mutex m_finishedMutex;
-    Counts m_counts;  // under m_finishedMutex
-    std::atomic<size_t> m_next{0};
-    std::atomic<size_t> m_workersLeft{0};
-    std::vector<size_t> m_handedBack;  // taken by a worker as the stop came; under m_finishedMutex
-    std::vector<std::thread> m_workers;
+    Scheduler m_scheduler;
+    std::unique_ptr<Detector> m_detector;
+    std::mutex m_deliverMutex;  // one delivery at a time
+    std::mutex m_threadsMutex;
+    std::vector<std::thread> m_workers;  // under m_threadsMutex
 };
 
 }  // namespace Fleet

@@ -14,6 +14,16 @@ constexpr Plexum::IpmiBackend kBackend = {
     &::ipmi_ctx_close,
     &::ipmi_ctx_destroy,
     &::ipmi_cmd_raw,
+    ::tmpl_rmcp_hdr,
+    ::tmpl_cmd_asf_presence_ping,
+    ::tmpl_cmd_asf_presence_pong,
+    &::fiid_obj_create,
+    &::fiid_obj_destroy,
+    &::fiid_obj_get,
+    &::fill_rmcp_hdr_asf,
+    &::fill_cmd_asf_presence_ping,
+    &::assemble_rmcp_pkt,
+    &::unassemble_rmcp_pkt,
 };
 
 }  // namespace

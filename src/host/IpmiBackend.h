@@ -15,7 +15,7 @@ namespace Plexum {
 
 struct IpmiBackend {
     // Changed whenever this table changes, so that a stale library is refused, not called.
-    static constexpr uint32_t kAbiVersion = 1;
+    static constexpr uint32_t kAbiVersion = 2;
     static constexpr const char* kFileName = "libmorvel_ipmi.so";
     static constexpr const char* kEntryPoint = "morvel_ipmi_backend";
 
@@ -28,6 +28,17 @@ struct IpmiBackend {
     decltype(&::ipmi_ctx_close) ctxClose;
     decltype(&::ipmi_ctx_destroy) ctxDestroy;
     decltype(&::ipmi_cmd_raw) cmdRaw;
+    // The RMCP presence ping and pong, which need no session.
+    fiid_field_t* rmcpHeaderTemplate;
+    fiid_field_t* pingTemplate;
+    fiid_field_t* pongTemplate;
+    decltype(&::fiid_obj_create) objCreate;
+    decltype(&::fiid_obj_destroy) objDestroy;
+    decltype(&::fiid_obj_get) objGet;
+    decltype(&::fill_rmcp_hdr_asf) fillRmcpHeaderAsf;
+    decltype(&::fill_cmd_asf_presence_ping) fillPresencePing;
+    decltype(&::assemble_rmcp_pkt) assembleRmcp;
+    decltype(&::unassemble_rmcp_pkt) unassembleRmcp;
 };
 
 struct IpmiBackendLoad {

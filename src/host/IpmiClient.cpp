@@ -296,7 +296,10 @@ int32_t IpmiClient::Open() {
     RunContext::Current().InterruptionPoint();
     const int32_t opened = OpenSession();
     // A session, or refused credentials: either way the controller answered over IPMI.
-    if (opened == 0 || opened == kOpenRefused) RunContext::Current().NoteProtocol(Protocol::Ipmi);
+    if (opened == 0 || opened == kOpenRefused) {
+        RunContext::Current().NoteProtocol(Protocol::Ipmi);
+        RunContext::Current().NoteCredentials(opened == 0);
+    }
     return opened;
 }
 

@@ -49,11 +49,33 @@ void RunContext::InterruptionPoint() const {
 }
 
 void RunContext::Sleep(uint64_t milliseconds) {
+    if (m_observer != nullptr) m_observer->Pausing();
+    bool whole = true;
     if (m_stop == nullptr) {
         std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+    } else {
+        whole = m_stop->SleepFor(milliseconds);
+    }
+    if (m_observer != nullptr) m_observer->Resuming();
+    if (!whole) throw RunInterrupted();
+}
+
+void RunContext::NoteRedfishOutcome(RedfishOutcome outcome) {
+    if (outcome.tried && outcome.curlCode == 0) {
+        if (outcome.httpCode == 401 || outcome.httpCode == 403) NoteCredentials(false);
+        if (outcome.httpCode >= 200 && outcome.httpCode <= 299) NoteCredentials(true);
+    }
+    m_redfish = std::move(outcome);
+}
+
+void RunContext::NoteCredentials(bool accepted) {
+    if (!accepted) {
+        if (m_credentials == CredentialsVerdict::Untried) m_credentials = CredentialsVerdict::Refused;
         return;
     }
-    if (!m_stop->SleepFor(milliseconds)) throw RunInterrupted();
+    const bool first = m_credentials != CredentialsVerdict::Accepted;
+    m_credentials = CredentialsVerdict::Accepted;
+    if (first && m_observer != nullptr) m_observer->CredentialsAccepted();
 }
 
 void RunContext::NoteLanStatus(uint8_t status) {

@@ -62,6 +62,23 @@ struct ObservedState {
     std::optional<std::string> ipv4;
 };
 
+// What the runner of many targets hears of one run as it goes. Pausing and
+// Resuming bracket every pause of the run (the waits between status checks,
+// the settle wait, a Redfish service's start-up wait), so that a paused run
+// need not hold a place among those exchanging packets; Resuming may block
+// until the run may go on. CredentialsAccepted comes once, the first time the
+// SMM accepts the user and password.
+class RunObserver {
+public:
+    virtual ~RunObserver() = default;
+    virtual void Pausing() = 0;
+    virtual void Resuming() = 0;
+    virtual void CredentialsAccepted() = 0;
+};
+
+// What the SMM made of the user and password in a run.
+enum class CredentialsVerdict { Untried, Accepted, Refused };
+
 struct ConsoleLine {
     bool error;        // a line of standard error (level below 2), else of standard output
     std::string text;  // as the module wrote it, without the line end
@@ -94,6 +111,8 @@ public:
     // before or during it. InterruptionPoint only checks.
     void Sleep(uint64_t milliseconds);
     void InterruptionPoint() const;
+    // Not owned; null (the default) for a run nobody watches.
+    void SetObserver(RunObserver* observer) { m_observer = observer; }
 
     // Seconds of the Redfish start-up wait once read; 0 while not read yet.
     int32_t& StartupWaitSeconds() { return m_startupWaitSeconds; }
@@ -107,7 +126,8 @@ public:
     // line. Such a run must not go on over IPMI.
     void NoteTrustFailure(const std::string& reason) { m_trustFailure = reason; }
     const std::string& TrustFailure() const { return m_trustFailure; }
-    void NoteRedfishOutcome(RedfishOutcome outcome) { m_redfish = std::move(outcome); }
+    // Also notes what the answer says of the credentials (a 2xx accepted them, 401 and 403 refused them).
+    void NoteRedfishOutcome(RedfishOutcome outcome);
     const RedfishOutcome& LastRedfishOutcome() const { return m_redfish; }
 
     // What the managers learn as they go.
@@ -118,10 +138,13 @@ public:
     void NoteIpmiOverLan(bool enabled) { m_state.ipmiOverLan = enabled; }
     void NoteIpv4(const std::string& address) { m_state.ipv4 = address; }
     void NoteChangeSent() { m_changeSent = true; }
+    // The SMM accepted or refused the credentials; an acceptance stands over any refusal.
+    void NoteCredentials(bool accepted);
 
     Protocol ServedBy() const { return m_protocol; }
     const ObservedState& State() const { return m_state; }
     bool ChangeSent() const { return m_changeSent; }
+    CredentialsVerdict Credentials() const { return m_credentials; }
 
 private:
     bool m_buffered = false;
@@ -136,6 +159,8 @@ private:
     Protocol m_protocol = Protocol::None;
     ObservedState m_state;
     bool m_changeSent = false;
+    CredentialsVerdict m_credentials = CredentialsVerdict::Untried;
+    RunObserver* m_observer = nullptr;
 };
 
 // Installs a context for the calling thread while it lives.

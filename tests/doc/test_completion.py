@@ -15,7 +15,8 @@ SCRIPT = os.path.join(os.environ["MORVEL_SOURCE_DIR"], "completion", "morvel.bas
 # Bash's own default; the bash-completion package leaves it so.
 DEFAULT_BREAKS = " \t\n\"'><=;|&(:@"
 HOST_OPTIONS = ["--config", "--log-file", "--log-level", "--password-file", "--show-config", "--help", "--version"]
-SMMLAN_OPTIONS = ["--bmc", "--bmc-file", "--method", "--fanout", "--output", "--always-prefix", "--protocol",
+SMMLAN_OPTIONS = ["--bmc", "--bmc-file", "--method", "--fanout", "--output", "--always-prefix", "--detect-timeout",
+                  "--max-auth-failures", "--canary", "--max-failures", "--retry-file", "--protocol",
                   "--tls-verify", "--cacert", "--known-smms", "--credentials-file", "--password-command",
                   "--password-file", "--help"]
 

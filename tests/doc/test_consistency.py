@@ -104,8 +104,9 @@ def options_of(text):
 
 
 def fixed_values_of(text):
-    """{option: [values]} for the options whose value is written as a|b|c."""
-    return {name: value.split("|") for name, value in OPTION_VALUE.findall(text) if "|" in value}
+    """{option: [values]} for the options whose value is written as a|b|c (words; N|P% are placeholders)."""
+    return {name: value.split("|") for name, value in OPTION_VALUE.findall(text)
+            if "|" in value and all(re.fullmatch(r"[a-z0-9-]+", part) for part in value.split("|"))}
 
 
 def man_options(page_text, section_title):
@@ -195,7 +196,7 @@ class Consistency(unittest.TestCase):
 
     def test_a_missing_or_extra_option_is_found(self):
         # The comparison itself, on a help text and a page that disagree both ways.
-        text = "Options:\n  --alpha a|b    x\n  --beta N       y\n"
+        text = "Options:\n  --alpha a|b    x\n  --beta N|P%    y\n"
         page = "# OPTIONS\n\n*--alpha* *a*|*b*\n\tx\n\n*--gamma*\n\ty\n\n# NEXT\n"
         self.assertEqual(set(options_of(text)), {"--alpha", "--beta"})
         self.assertEqual(set(man_options(page, "OPTIONS")), {"--alpha", "--gamma"})

@@ -342,6 +342,10 @@ class Netns:
         self._ip("netns", "exec", self.name, "iptables", "-A", "INPUT", "-p", "udp", "--" + match, str(port),
                  "-m", "statistic", "--mode", "random", "--probability", str(probability), "-j", "DROP")
 
+    def blackhole(self, address):
+        """Drops every packet to `address`, as a powered-off host or a wrong VLAN does: no answer, no refusal."""
+        self._ip("netns", "exec", self.name, "iptables", "-A", "INPUT", "-d", address, "-j", "DROP")
+
     def close(self):
         if self.name:
             run_command(["ip", "netns", "del", self.name], env=dict(os.environ), timeout=30)
@@ -564,14 +568,15 @@ class E2ETestCase(unittest.TestCase):
         sim.start()
         return sim
 
-    def start_sims(self, knob_list, addresses=None):
+    def start_sims(self, knob_list, addresses=None, netns=None):
         """One simulated SMM per dict of knobs, started side by side; stopped at the end of the test.
 
         addresses: where each listens (leased by the caller), else each leases its own.
+        netns: a private network namespace (self.netns()) they run in.
         """
         sims = []
         for i, knobs in enumerate(knob_list):
-            sim = Sim(self._new_dir("sim"), knobs, address=addresses[i] if addresses else None)
+            sim = Sim(self._new_dir("sim"), knobs, address=addresses[i] if addresses else None, netns=netns)
             self.addCleanup(sim.close)
             sims.append(sim)
         with concurrent.futures.ThreadPoolExecutor(max_workers=8) as pool:

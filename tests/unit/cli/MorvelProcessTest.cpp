@@ -329,12 +329,15 @@ TEST_F(MorvelProcess, ManyTargetsOneAtATimeBlocksAndSummary) {
 }
 
 TEST_F(MorvelProcess, ManyTargetsInJson) {
+    // Without detection, one at a time is strictly the order given.
     const ProcessResult result = Run({"--log-file", m_log, "probe", "enable", "--bmc", "ops:Xy9secret@a,[::1]:8443",
-                                      "--fanout=1", "--output", "json", "--fail-host", "a", "--fail-code", "2054"});
+                                      "--fanout=1", "--detect-timeout=0", "--output", "json", "--fail-host", "a",
+                                      "--fail-code", "2054"});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.err, "");
-    const std::string console = R"(["probe: init","probe: run enable","probe: option fail-code=2054",)"
-                                R"("probe: option fail-host=a","probe: option fanout=1","probe: option output=json",)"
+    const std::string console = R"(["probe: init","probe: run enable","probe: option detect-timeout=0",)"
+                                R"("probe: option fail-code=2054","probe: option fail-host=a","probe: option fanout=1",)"
+                                R"("probe: option output=json",)"
                                 R"("probe: finish"])";
     const std::string state = R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":)";
     // Elapsed times vary: compare up to them and after them.
@@ -343,14 +346,14 @@ TEST_F(MorvelProcess, ManyTargetsInJson) {
     EXPECT_EQ(result.out.substr(0, first),
               R"({"target":"a","host":"a","port":443,"user":"ops","subcommand":"enable","protocol":null,)"
               R"("code":2054,"message":"Authentication failed. For instance, user name or password error.",)"
-              R"("ok":false,"interrupted":false,"change_sent":false,)");
+              R"("ok":false,"interrupted":false,"change_sent":false,"unreachable":null,)");
     EXPECT_NE(result.out.find(R"(,"console":)" + console + "}\n" +
                               R"({"target":"[::1]:8443","host":"::1","port":8443,"user":"ops","subcommand":"enable",)"
                               R"("protocol":null,"code":0,"message":"Succeed.","ok":true,"interrupted":false,)"
-                              R"("change_sent":false,)" + state),
+                              R"("change_sent":false,"unreachable":null,)" + state),
               std::string::npos)
         << result.out;
-    EXPECT_NE(result.out.find(R"("failed_by_code":{"2054":["a"]},"interrupted":[],"not_started":[]}})" "\n"),
+    EXPECT_NE(result.out.find(R"("failed_by_code":{"2054":["a"]},"interrupted":[],"not_started":[],"unreachable":[],"stopped_by":null}})" "\n"),
               std::string::npos)
         << result.out;
     ExpectNowhere(result, "Xy9secret");

@@ -243,14 +243,14 @@ TEST(JsonLinesReport, OneRecordPerTargetThenTheSummary) {
     report.Finish(summary, 9876);
     EXPECT_EQ(out.str(),
               R"({"target":"[fd00::5]:8443","host":"fd00::5","port":8443,"user":"ops","subcommand":"enable",)"
-              R"("protocol":"redfish","code":0,"message":"Succeed.","ok":true,"interrupted":false,"change_sent":true,)"
+              R"("protocol":"redfish","code":0,"message":"Succeed.","ok":true,"interrupted":false,"change_sent":true,"unreachable":null,)"
               R"("state":{"network":"enabled","ipmi_over_lan":false,"ipv4":"192.0.2.7"},"elapsed_ms":1234,)"
               R"("console":["************Query Result************","","Query SMM network status succeeded",)"
               R"("    Status: Enabled","","************Query Result************"]})"
               "\n"
               R"({"target":"smm01","host":"smm01","port":443,"user":"ops","subcommand":"enable","protocol":"ipmi",)"
               R"("code":2054,"message":"Authentication failed. For instance, user name or password error.",)"
-              R"("ok":false,"interrupted":false,"change_sent":false,)"
+              R"("ok":false,"interrupted":false,"change_sent":false,"unreachable":null,)"
               R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,)"
               R"("console":["tab\there \"quoted\" \u001B[31m and )"
               "\xEF\xBF\xBD\xEF\xBF\xBD bad \xC3\xA9"
@@ -258,11 +258,12 @@ TEST(JsonLinesReport, OneRecordPerTargetThenTheSummary) {
               "\n"
               R"({"target":"t2","host":"t2","port":443,"user":"ops","subcommand":"enable","protocol":null,)"
               R"("code":null,"message":"interrupted after a change was sent; the SMM's state is unconfirmed",)"
-              R"("ok":false,"interrupted":true,"change_sent":true,)"
+              R"("ok":false,"interrupted":true,"change_sent":true,"unreachable":null,)"
               R"("state":{"network":"unknown","ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[]})"
               "\n"
               R"({"summary":{"subcommand":"enable","targets":3,"succeeded":1,"failed":1,"elapsed_ms":9876,)"
-              R"("failed_by_code":{"2054":["smm01"]},"interrupted":["t2"],"not_started":[]}})"
+              R"("failed_by_code":{"2054":["smm01"]},"interrupted":["t2"],"not_started":[],)"
+              R"("unreachable":[],"stopped_by":null}})"
               "\n");
     // No credential text in any record.
     EXPECT_EQ(out.str().find("pw"), std::string::npos);
