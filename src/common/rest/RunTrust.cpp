@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "common/rest/PeerCertificate.h"
-#include "trust/KnownSmms.h"
 #include "host/RunContext.h"
 
 namespace Rest {
@@ -65,14 +64,10 @@ RunTrust::RunTrust(const std::string& url) : m_url(url) {
 }
 
 void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
-    const std::string& url = m_url;
-
-    Trust::KnownSmms store(trust.knownSmms);
-    const Trust::KnownSmms::Found found = store.Find(trust.key);
-    if (!found.error.empty()) return Refuse("cannot read the known-SMMs file: " + found.error);
-    if (found.entry) {
-        m_pin = found.entry->pin;
-        m_firstSeen = found.entry->firstSeen;
+    if (!trust.knownSmmsError.empty()) return Refuse("cannot read the known-SMMs file: " + trust.knownSmmsError);
+    if (trust.recorded) {
+        m_pin = trust.recorded->pin;
+        m_firstSeen = trust.recorded->firstSeen;
         return;
     }
     if (trust.verify == Plexum::TlsVerify::Pin) {
@@ -82,7 +77,7 @@ void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
     // Trust on first use: the key presented now becomes the one to match from here on.
     std::string host;
     int port = 0;
-    if (!HostAndPort(url, host, port)) return Refuse("cannot tell the host of " + url);
+    if (!HostAndPort(m_url, host, port)) return Refuse("cannot tell the host of " + m_url);
     const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
     if (!read.certificate) {
         // No answer is no trust question, but nothing goes out unpinned: the
@@ -90,18 +85,14 @@ void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
         m_refusal = Response(read.curlCode != 0 ? read.curlCode : CURLE_SSL_CONNECT_ERROR, -1, read.error);
         return;
     }
-    const std::string now = Trust::KnownSmms::UtcNow();
-    const Trust::KnownSmms::Change added = store.Add(trust.key, read.certificate->pin, now);
-    if (added.outcome == Trust::KnownSmms::Outcome::Failed) {
-        return Refuse("cannot record the pin of " + Where() + ": " + added.error);
-    }
-    // Another run may have recorded it a moment ago: its pin is the one that counts.
-    m_pin = added.pin;
-    if (added.outcome == Trust::KnownSmms::Outcome::Added) {
-        m_firstSeen = now;
-    } else if (const auto entry = store.Find(trust.key).entry) {
-        m_firstSeen = entry->firstSeen;
-    }
+    const Plexum::PinRecording recording = trust.recordFirstPin
+                                               ? trust.recordFirstPin(read.certificate->pin)
+                                               : Plexum::PinRecording{std::nullopt, "no known-SMMs file was opened"};
+    if (!recording.recorded) return Refuse("cannot record the pin of " + Where() + ": " + recording.error);
+    m_pin = recording.recorded->pin;
+    m_firstSeen = recording.recorded->firstSeen;
+    // The target's next transfers are held to it without asking the store again.
+    Plexum::RunContext::Current().NotePin(*recording.recorded);
 }
 
 std::string RunTrust::Where() const { return Plexum::RunContext::Current().Trust().key; }

@@ -17,6 +17,7 @@
 #include "support/RecordingHttpsServer.h"
 #include "trust/KnownSmms.h"
 #include "trust/Pin.h"
+#include "trust/TargetPins.h"
 
 namespace {
 
@@ -48,13 +49,15 @@ protected:
         ::rmdir(m_dir.c_str());
     }
 
-    // Installs trust settings for the run of this thread while the returned context lives.
+    // Installs trust settings for the run, as the host does at its start:
+    // with what the known-SMMs file holds for the target now.
     void Trust(Plexum::TlsVerify verify, const std::string& caFile = "") {
         Plexum::TrustSettings trust;
         trust.verify = verify;
         trust.caFile = caFile;
         trust.knownSmms = m_known;
         trust.key = Key();
+        Trust::ResolvePins(std::make_shared<Trust::KnownSmms>(m_known), trust);
         m_run.SetTrust(trust);
     }
     std::string Key() const { return "127.0.0.1:" + std::to_string(m_server.Port()); }
@@ -117,10 +120,10 @@ TEST_F(RunTrustTest, TofuRecordsTheFirstKeyThenHoldsItsRunsToIt) {
 }
 
 TEST_F(RunTrustTest, AKeyThatDoesNotMatchItsPinIsRefusedBeforeAnythingIsSent) {
-    Trust(Plexum::TlsVerify::Pin);
     const std::string wrong = "sha256//" + std::string(43, 'A') + "=";
     ASSERT_EQ(Trust::KnownSmms(m_known).Add(Key(), wrong, "2026-01-02T03:04:05Z").outcome,
               Trust::KnownSmms::Outcome::Added);
+    Trust(Plexum::TlsVerify::Pin);
     const Rest::Response response = Get(m_server.Url(kPath));
     EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
     EXPECT_EQ(m_server.RequestCount(), 0u);
