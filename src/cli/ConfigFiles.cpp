@@ -76,6 +76,8 @@ const std::vector<KnownConfigKey>& KnownConfigKeys() {
         {"REDFISH_TLS_VERIFY", "none", nullptr},
         {"REDFISH_CA_FILE", nullptr, "the system's CA certificates"},
         {"REDFISH_KNOWN_SMMS", nullptr, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"},
+        {"LOG_MAX_BYTES", "16777216", nullptr},
+        {"LOG_KEEP", "3", nullptr},
     };
     return keys;
 }

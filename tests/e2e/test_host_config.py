@@ -37,6 +37,8 @@ DEFAULTS = [
     ("REDFISH_TLS_VERIFY", "none"),
     ("REDFISH_CA_FILE", None, "the system's CA certificates"),
     ("REDFISH_KNOWN_SMMS", None, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"),
+    ("LOG_MAX_BYTES", "16777216"),
+    ("LOG_KEEP", "3"),
 ]
 
 ALL_DEFAULTS = (
@@ -53,7 +55,9 @@ ALL_DEFAULTS = (
     "# built-in default\nREDFISH_TLS_VERIFY=none\n"
     "# built-in default: unset (the system's CA certificates)\n#REDFISH_CA_FILE=\n"
     "# built-in default: unset ($XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"
-    "#REDFISH_KNOWN_SMMS=\n")
+    "#REDFISH_KNOWN_SMMS=\n"
+    "# built-in default\nLOG_MAX_BYTES=16777216\n"
+    "# built-in default\nLOG_KEEP=3\n")
 
 # What a package installs: every key there, commented out.
 COMMENTED_OUT = "# morvel system configuration; the user's file wins per key.\n" + "".join(

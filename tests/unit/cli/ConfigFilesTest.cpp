@@ -113,7 +113,11 @@ TEST(ShowConfig, DefaultsOnly) {
               "# built-in default: unset (the system's CA certificates)\n"
               "#REDFISH_CA_FILE=\n"
               "# built-in default: unset ($XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"
-              "#REDFISH_KNOWN_SMMS=\n");
+              "#REDFISH_KNOWN_SMMS=\n"
+              "# built-in default\n"
+              "LOG_MAX_BYTES=16777216\n"
+              "# built-in default\n"
+              "LOG_KEEP=3\n");
 }
 
 TEST(ShowConfig, FileValuesUnknownKeysAndSecrets) {
@@ -136,6 +140,10 @@ TEST(ShowConfig, FileValuesUnknownKeysAndSecrets) {
     // Unknown keys after the known ones, by name; secrets as '*'.
     const std::string tail =
         "#REDFISH_KNOWN_SMMS=\n"
+        "# built-in default\n"
+        "LOG_MAX_BYTES=16777216\n"
+        "# built-in default\n"
+        "LOG_KEEP=3\n"
         "# unknown key, /etc/morvel/morvel.conf line 7, value not shown\n"
         "BMC_PASSWORD=*\n"
         "# unknown key, /etc/morvel/morvel.conf line 9\n"
