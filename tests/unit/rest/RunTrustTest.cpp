@@ -148,6 +148,50 @@ TEST_F(RunTrustTest, PinWithoutARecordedPinConnectsNowhere) {
     EXPECT_EQ(m_run.TrustFailure(), expected);
 }
 
+TEST_F(RunTrustTest, AKnownSmmsFileThatCannotBeReadRefusesEveryPin) {
+    ASSERT_EQ(::mkdir((m_dir + "/state").c_str(), 0700), 0);
+    ASSERT_EQ(::mkdir(m_known.c_str(), 0700), 0);
+    for (const Plexum::TlsVerify verify : {Plexum::TlsVerify::Pin, Plexum::TlsVerify::Tofu}) {
+        Trust(verify);
+        const Rest::Response response = Get(m_server.Url(kPath));
+        const std::string expected = "cannot read the known-SMMs file: cannot read " + m_known + ": Is a directory";
+        EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+        EXPECT_EQ(response.body, expected);
+        EXPECT_EQ(m_run.TrustFailure(), expected);
+    }
+    EXPECT_EQ(m_server.RequestCount(), 0u);
+    ::rmdir(m_known.c_str());
+}
+
+TEST_F(RunTrustTest, TofuThatCannotRecordThePinSendsNothing) {
+    Trust(Plexum::TlsVerify::Tofu);
+    Plexum::TrustSettings failing = m_run.Trust();
+    failing.recordFirstPin = [](const std::string&) { return Plexum::PinRecording{std::nullopt, "No space left on device"}; };
+    m_run.SetTrust(failing);
+    const Rest::Response response = Get(m_server.Url(kPath));
+    EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(response.body, "cannot record the pin of " + Key() + ": No space left on device");
+    EXPECT_EQ(m_run.TrustFailure(), response.body);
+    EXPECT_EQ(m_server.RequestCount(), 0u);
+}
+
+// The pin another run recorded first is the one the transfer is held to.
+TEST_F(RunTrustTest, TofuHoldsTheRunToThePinThatCounts) {
+    Trust(Plexum::TlsVerify::Tofu);
+    const std::string other = "sha256//" + std::string(43, 'B') + "=";
+    Plexum::TrustSettings raced = m_run.Trust();
+    raced.recordFirstPin = [other](const std::string&) {
+        return Plexum::PinRecording{Plexum::RecordedPin{other, "2026-11-24T07:00:00Z"}, ""};
+    };
+    m_run.SetTrust(raced);
+    const Rest::Response response = Get(m_server.Url(kPath));
+    EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(m_server.RequestCount(), 0u);
+    EXPECT_EQ(m_run.TrustFailure().substr(0, m_run.TrustFailure().find(", presented")),
+              Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " + other +
+                  " (first seen 2026-11-24T07:00:00Z)");
+}
+
 TEST_F(RunTrustTest, CaVerifiesTheChainAndTheName) {
     Trust(Plexum::TlsVerify::Ca, m_server.Certificate().CertPath());
     EXPECT_EQ(Get(m_server.Url(kPath)).httpCode, 200);
