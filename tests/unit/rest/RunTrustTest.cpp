@@ -126,6 +126,7 @@ TEST_F(RunTrustTest, AKeyThatDoesNotMatchItsPinIsRefusedBeforeAnythingIsSent) {
     Trust(Plexum::TlsVerify::Pin);
     const Rest::Response response = Get(m_server.Url(kPath));
     EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(response.body, "SSL: public key does not match pinned public key");
     EXPECT_EQ(m_server.RequestCount(), 0u);
     const std::string presented = Trust::PinOfPem(m_server.Certificate().CertPem());
     EXPECT_EQ(m_run.TrustFailure(),
@@ -175,6 +176,18 @@ TEST_F(RunTrustTest, TofuThatCannotRecordThePinSendsNothing) {
     EXPECT_EQ(m_server.RequestCount(), 0u);
 }
 
+// No answer is no trust question: the transfer fails as it would have, and nothing is recorded.
+TEST_F(RunTrustTest, TofuWithNobodyListeningIsAFailedTransfer) {
+    Trust(Plexum::TlsVerify::Tofu);
+    const Rest::Response response = Get("https://127.0.0.1:1/redfish/v1/Chassis/2");
+    EXPECT_EQ(response.curlCode, CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(response.httpCode, -1);
+    EXPECT_EQ(m_run.TrustFailure(), "");
+    EXPECT_FALSE(m_run.Trust().recorded);
+    struct stat status {};
+    EXPECT_NE(::stat(m_known.c_str(), &status), 0);
+}
+
 // The pin another run recorded first is the one the transfer is held to.
 TEST_F(RunTrustTest, TofuHoldsTheRunToThePinThatCounts) {
     Trust(Plexum::TlsVerify::Tofu);
@@ -186,10 +199,18 @@ TEST_F(RunTrustTest, TofuHoldsTheRunToThePinThatCounts) {
     m_run.SetTrust(raced);
     const Rest::Response response = Get(m_server.Url(kPath));
     EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(response.httpCode, -1);
+    EXPECT_EQ(response.body, "SSL: public key does not match pinned public key");
     EXPECT_EQ(m_server.RequestCount(), 0u);
-    EXPECT_EQ(m_run.TrustFailure().substr(0, m_run.TrustFailure().find(", presented")),
+    const std::string presented = Trust::PinOfPem(m_server.Certificate().CertPem());
+    EXPECT_EQ(m_run.TrustFailure(),
               Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " + other +
-                  " (first seen 2026-11-24T07:00:00Z)");
+                  " (first seen 2026-11-24T07:00:00Z), presented " + presented +
+                  "; if its certificate was replaced on purpose, run 'morvel trust remove " + Key() +
+                  "' and then 'morvel trust add " + Key() + "'");
+    // The target's next transfers are held to that pin too, without recording again.
+    ASSERT_TRUE(m_run.Trust().recorded);
+    EXPECT_EQ(m_run.Trust().recorded->pin, other);
 }
 
 TEST_F(RunTrustTest, CaVerifiesTheChainAndTheName) {
