@@ -24,9 +24,9 @@ namespace Trust {
 // rewrites the file atomically (a new file renamed over it); readers hold the
 // same lock shared while they read, so nobody sees a torn line and two runs
 // at once lose no line. The file and its lock are created with mode 0600.
-// Appended pins reach the disk (fsync) once, when the object goes: a pin lost
-// to a crash before then is asked for again at the next first contact, never
-// replaced by another.
+// Appended pins reach the disk (fsync) once, when the object goes, rather than
+// a flush per SMM under the lock: a pin lost to a power cut before then is
+// recorded again at the next first contact, as if that run had not happened.
 class KnownSmms {
 public:
     struct Entry {

@@ -15,12 +15,10 @@ import subprocess
 import unittest
 
 from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, E2ETestCase
+# The same configuration and the same healthy query over Redfish as there.
+from test_trust import CONFIG, QUERY_OK
 
 PASSWORD = "L0g:pw@1"
-CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "IPMI_SESSION_TIMEOUT_MS": "2000"}
-QUERY_OK = ("************Query Result************\n\nQuery SMM network status succeeded\n"
-            "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n    SMM IP: 192.0.2.100\n\n"
-            "************Query Result************\n\n0 Succeed.\n")
 # "YYYY-MM-DD HH:MM:SS.mmm LEVEL [LABEL] source:line text": level, label, source:line.
 RECORD = re.compile(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} (FATAL|ERROR|WARN|INFO|TRACE) (?:\[([^\]]+)\] )?(\S+:\d+) (.*)$")
 
