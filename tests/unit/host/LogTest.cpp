@@ -7,7 +7,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <memory>
 #include <set>
 #include <stdexcept>
@@ -180,18 +179,16 @@ TEST_F(LogTest, FailingSinkDoesNotStopTheCaller) {
 
 // --- rotation
 
-// "INFO s:1 r0007": one record of these tests, 39 bytes with its time stamp and line end.
-void Record(int number) {
-    char text[8];
-    std::snprintf(text, sizeof text, "r%04d", number);
-    Log(3, "s", 1).Stream() << text;
+// "r0007": the text of a record of these tests (0 to 9999).
+std::string Numbered(int number) {
+    const std::string digits = std::to_string(number);
+    return "r" + std::string(4 - digits.size(), '0') + digits;
 }
 
-std::string Expected(int number) {
-    char text[24];
-    std::snprintf(text, sizeof text, "INFO s:1 r%04d", number);
-    return text;
-}
+// "INFO s:1 r0007": 39 bytes with its time stamp and line end.
+void Record(int number) { Log(3, "s", 1).Stream() << Numbered(number); }
+
+std::string Expected(int number) { return "INFO s:1 " + Numbered(number); }
 
 // The records of a file without their time stamps; none when it does not exist.
 std::vector<std::string> Records(const std::string& path) {
