@@ -326,6 +326,7 @@ TEST_F(LogTest, RecordsOfManyThreadsAndTwoRunsAreAllKeptWhole) {
     constexpr int kThreads = 8;
     constexpr int kEach = 250;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t) {
         threads.emplace_back([&runs, t] {
             for (int i = 0; i < kEach; ++i) {
