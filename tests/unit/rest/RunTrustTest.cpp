@@ -62,6 +62,15 @@ protected:
     }
     std::string Key() const { return "127.0.0.1:" + std::to_string(m_server.Port()); }
 
+    // The trust failure of a key that does not match `recorded`: the server's key is what was presented.
+    std::string Mismatch(const std::string& recorded, const std::string& firstSeen) const {
+        return Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " +
+               recorded + " (first seen " + firstSeen + "), presented " +
+               Trust::PinOfPem(m_server.Certificate().CertPem()) +
+               "; if its certificate was replaced on purpose, run 'morvel trust remove " + Key() +
+               "' and then 'morvel trust add " + Key() + "'";
+    }
+
     // A GET as the Redfish manager makes it: certificate not verified, credentials, redirects followed.
     Rest::Response Get(const std::string& url) {
         Plexum::ScopedRunContext installed(m_run);
@@ -128,12 +137,7 @@ TEST_F(RunTrustTest, AKeyThatDoesNotMatchItsPinIsRefusedBeforeAnythingIsSent) {
     EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
     EXPECT_EQ(response.body, "SSL: public key does not match pinned public key");
     EXPECT_EQ(m_server.RequestCount(), 0u);
-    const std::string presented = Trust::PinOfPem(m_server.Certificate().CertPem());
-    EXPECT_EQ(m_run.TrustFailure(),
-              Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " + wrong +
-                  " (first seen 2026-01-02T03:04:05Z), presented " + presented +
-                  "; if its certificate was replaced on purpose, run 'morvel trust remove " + Key() +
-                  "' and then 'morvel trust add " + Key() + "'");
+    EXPECT_EQ(m_run.TrustFailure(), Mismatch(wrong, "2026-01-02T03:04:05Z"));
 }
 
 TEST_F(RunTrustTest, PinWithoutARecordedPinConnectsNowhere) {
@@ -202,12 +206,7 @@ TEST_F(RunTrustTest, TofuHoldsTheRunToThePinThatCounts) {
     EXPECT_EQ(response.httpCode, -1);
     EXPECT_EQ(response.body, "SSL: public key does not match pinned public key");
     EXPECT_EQ(m_server.RequestCount(), 0u);
-    const std::string presented = Trust::PinOfPem(m_server.Certificate().CertPem());
-    EXPECT_EQ(m_run.TrustFailure(),
-              Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " + other +
-                  " (first seen 2026-11-24T07:00:00Z), presented " + presented +
-                  "; if its certificate was replaced on purpose, run 'morvel trust remove " + Key() +
-                  "' and then 'morvel trust add " + Key() + "'");
+    EXPECT_EQ(m_run.TrustFailure(), Mismatch(other, "2026-11-24T07:00:00Z"));
     // The target's next transfers are held to that pin too, without recording again.
     ASSERT_TRUE(m_run.Trust().recorded);
     EXPECT_EQ(m_run.Trust().recorded->pin, other);
