@@ -78,6 +78,8 @@ const std::vector<KnownConfigKey>& KnownConfigKeys() {
         {"REDFISH_KNOWN_SMMS", nullptr, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"},
         {"SMM_DETECT_TIMEOUT", "5", nullptr},
         {"SMM_MAX_AUTH_FAILURES", "3", nullptr},
+        {"LOG_MAX_BYTES", "16777216", nullptr},
+        {"LOG_KEEP", "3", nullptr},
     };
     return keys;
 }

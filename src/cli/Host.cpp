@@ -20,6 +20,7 @@
 #include "cli/FleetSettings.h"
 #include "cli/HelpText.h"
 #include "cli/HostLog.h"
+#include "cli/LogSettings.h"
 #include "cli/ModuleLoader.h"
 #include "cli/ModuleRun.h"
 #include "cli/PasswordSource.h"
@@ -60,14 +61,14 @@ void Warn(const std::string& message) {
 }
 
 // An explicit --log-file that cannot be opened is an error; the default one
-// only costs the log, not the command.
-bool OpenLog(const CommandLine& line, int& exitStatus) {
+// only costs the log, not the command. `sink` gets the log's file, if any.
+bool OpenLog(const CommandLine& line, std::shared_ptr<Plexum::FileLogSink>& sink, int& exitStatus) {
     const std::string path = line.hasLogFile
                                  ? line.logFile
                                  : DefaultLogFilePath(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
     if (path.empty()) return true;
     std::string error;
-    std::shared_ptr<Plexum::FileLogSink> sink = Plexum::FileLogSink::Open(path, error);
+    sink = Plexum::FileLogSink::Open(path, error);
     if (sink) {
         Plexum::Log::SetSink(sink);
         return true;
@@ -407,11 +408,14 @@ int RunCommandLine(int argc, char** argv) {
 
     Plexum::Log::SetMinLogLevel(line.logLevel);
     int exitStatus = 0;
-    if (!OpenLog(line, exitStatus)) return exitStatus;
+    std::shared_ptr<Plexum::FileLogSink> log;
+    if (!OpenLog(line, log, exitStatus)) return exitStatus;
     PLEXUM_LOG(3, HostLog::kSource, HostLog::kStart) << "morvel " << VersionNumber() << " pid "
                                      << ::getpid() << ": command " << ShownWord(line.command) << ", subcommand "
                                      << ShownWord(line.subCommand);
     if (!LoadConfiguration(line, exitStatus)) return exitStatus;
+    // The log opened before the configuration that says how it rotates.
+    if (log) log->SetRotation(ConfiguredLogRotation());
 
     ModuleLoader loader;
     ModuleLoader::Failure loadFailure;

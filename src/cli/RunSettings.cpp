@@ -7,8 +7,9 @@
 #include <map>
 
 #include "host/GlobalConfig.h"
-#include "trust/KnownSmms.h"
 #include "host/Text.h"
+#include "trust/KnownSmms.h"
+#include "trust/TargetPins.h"
 
 namespace MorvelCli {
 namespace {
@@ -55,6 +56,7 @@ void RunSettings::ApplyTo(Plexum::RunContext& run, const Target& target) const {
     run.ChooseProtocols(protocols);
     Plexum::TrustSettings forTarget = trust;
     forTarget.key = Trust::KnownSmms::Key(target.bmc.host, target.bmc.ipv6, target.bmc.port);
+    if (knownSmms) Trust::ResolvePins(knownSmms, forTarget);
     run.SetTrust(std::move(forTarget));
 }
 
@@ -87,6 +89,11 @@ RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHom
     const bool pins = settings.trust.verify == Plexum::TlsVerify::Pin || settings.trust.verify == Plexum::TlsVerify::Tofu;
     if (pins && settings.trust.knownSmms.empty()) {
         return Refuse("no place for the known-SMMs file: there is no home; give --known-smms FILE");
+    }
+    if (pins) {
+        // Read here, once: a target whose pin it cannot give is refused when it runs.
+        settings.knownSmms = std::make_shared<Trust::KnownSmms>(settings.trust.knownSmms);
+        settings.knownSmms->Load();
     }
 
     const auto file = line.options.find("credentials-file");

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -8,6 +9,10 @@
 #include "cli/Credentials.h"
 #include "fleet/TargetList.h"
 #include "host/RunContext.h"
+
+namespace Trust {
+class KnownSmms;
+}
 
 namespace MorvelCli {
 
@@ -26,10 +31,13 @@ using Fleet::Target;
 struct RunSettings {
     Plexum::ProtocolChoice protocols = Plexum::ProtocolChoice::Auto;
     Plexum::TrustSettings trust;  // its key is set per target
+    // pin, tofu: the known-SMMs file, read once for the run and shared by its targets.
+    std::shared_ptr<Trust::KnownSmms> knownSmms;
     std::optional<MorvelCli::CredentialsFile> credentials;
     std::optional<MorvelCli::PasswordCommand> passwordCommand;
 
-    // Installs the protocol choice and trust settings of `target` into `run`.
+    // Installs the protocol choice and trust settings of `target` into `run`,
+    // with its pin from knownSmms.
     void ApplyTo(Plexum::RunContext& run, const Target& target) const;
 };
 

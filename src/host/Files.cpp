@@ -2,6 +2,8 @@
 #include "host/Files.h"
 
 #include <dlfcn.h>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -26,6 +28,45 @@ int UniqueFd::Release() {
     const int fd = m_fd;
     m_fd = -1;
     return fd;
+}
+
+bool WriteAll(int fd, const char* data, size_t size) {
+    while (size > 0) {
+        const ssize_t written = ::write(fd, data, size);
+        if (written < 0 && errno == EINTR) continue;
+        if (written <= 0) return false;
+        data += written;
+        size -= static_cast<size_t>(written);
+    }
+    return true;
+}
+
+FileIdentity FileIdentity::Of(const struct stat& status) {
+    constexpr int64_t kNs = 1000000000;
+    FileIdentity identity;
+    identity.device = status.st_dev;
+    identity.inode = status.st_ino;
+    identity.size = status.st_size;
+    identity.modifiedNs = static_cast<int64_t>(status.st_mtim.tv_sec) * kNs + status.st_mtim.tv_nsec;
+    identity.changedNs = static_cast<int64_t>(status.st_ctim.tv_sec) * kNs + status.st_ctim.tv_nsec;
+    return identity;
+}
+
+bool FileIdentity::operator==(const FileIdentity& other) const {
+    return SameFile(other) && size == other.size && modifiedNs == other.modifiedNs && changedNs == other.changedNs;
+}
+
+FileLock::FileLock(const std::string& path, Kind kind, bool create)
+    : m_fd(::open(path.c_str(), (create ? O_RDWR | O_CREAT : O_RDONLY) | O_CLOEXEC, 0600)) {
+    int failure = m_fd.Get() < 0 ? errno : 0;
+    while (failure == 0 && ::flock(m_fd.Get(), kind == Kind::Exclusive ? LOCK_EX : LOCK_SH) != 0) {
+        if (errno != EINTR) failure = errno;
+    }
+    if (failure != 0) {
+        m_fd = UniqueFd();
+        m_errno = failure;
+        m_error = "cannot lock " + path + ": " + std::strerror(failure);
+    }
 }
 
 bool MakeParentDirectories(const std::string& path, const std::string& kind, std::string& error) {

@@ -49,15 +49,18 @@ std::shared_ptr<FileLogSink> FileLogSink::Open(const std::string& path, std::str
         return nullptr;
     }
     if (!MakeParentDirectories(path, "log", error)) return nullptr;
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    if (fd < 0) {
+    UniqueFd fd(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (fd.Get() < 0) {
         error = "cannot open log file " + path + ": " + std::strerror(errno);
         return nullptr;
     }
-    return std::shared_ptr<FileLogSink>(new FileLogSink(fd));
+    return std::shared_ptr<FileLogSink>(new FileLogSink(path, std::move(fd)));
 }
 
-FileLogSink::~FileLogSink() { ::close(m_fd); }
+void FileLogSink::SetRotation(LogRotation rotation) {
+    const std::lock_guard<std::mutex> hold(m_mutex);
+    m_rotation = rotation;
+}
 
 void FileLogSink::Write(const LogRecord& record) {
     using namespace std::chrono;
@@ -81,16 +84,66 @@ void FileLogSink::Write(const LogRecord& record) {
     if (!record.target.empty()) line.append("[").append(record.target).append("] ");
     line.append(record.source).append(":").append(std::to_string(record.line)).append(" ");
     line.append(record.text).append("\n");
-    // One write per record keeps records whole when several processes share the file.
-    const char* data = line.data();
-    size_t left = line.size();
-    while (left > 0) {
-        const ssize_t written = ::write(m_fd, data, left);
-        if (written < 0 && errno == EINTR) continue;
-        if (written <= 0) return;  // a full disk must not stop the command
-        data += written;
-        left -= static_cast<size_t>(written);
+    const std::lock_guard<std::mutex> hold(m_mutex);
+    Append(line);
+}
+
+void FileLogSink::Append(const std::string& line) {
+    // Twice at most: again when the file it went to was rotated out of the kept ones meanwhile.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        // One write per record keeps records whole when several processes share the file.
+        if (!WriteAll(m_fd.Get(), line.data(), line.size())) return;  // a full disk must not stop the command
+        struct stat status {};
+        // Only a plain file rotates or goes away (not /dev/null, a terminal or a pipe).
+        if (::fstat(m_fd.Get(), &status) != 0 || !S_ISREG(status.st_mode)) return;
+        if (status.st_nlink == 0) {
+            Reopen();
+            continue;
+        }
+        if (m_rotation.maxBytes > 0 && static_cast<uint64_t>(status.st_size) > m_rotation.maxBytes) Rotate();
+        return;
     }
+}
+
+// Under the lock, only while the path still names this run's file and that
+// file is past the size: two runs never rotate the same file twice.
+void FileLogSink::Rotate() {
+    const FileLock lock(m_path + ".lock", FileLock::Kind::Exclusive, true);
+    if (!lock.Held()) {
+        // Nowhere to lock: the file grows as it did before rotation existed.
+        m_rotation.maxBytes = 0;
+        return;
+    }
+    struct stat mine {};
+    struct stat named {};
+    if (::fstat(m_fd.Get(), &mine) != 0) return;
+    if (::stat(m_path.c_str(), &named) == 0 && FileIdentity::Of(named).SameFile(FileIdentity::Of(mine))) {
+        if (static_cast<uint64_t>(named.st_size) <= m_rotation.maxBytes) return;
+        ShiftOldFiles();
+        const bool moved = m_rotation.keep > 0 ? ::rename(m_path.c_str(), (m_path + ".1").c_str()) == 0
+                                               : ::unlink(m_path.c_str()) == 0;
+        if (!moved) {
+            // A folder that takes no new names: the file grows, and no record tries again.
+            m_rotation.maxBytes = 0;
+            return;
+        }
+    }
+    Reopen();
+}
+
+// FILE.keep-1 over FILE.keep (dropping the oldest), down to FILE.1 to FILE.2.
+void FileLogSink::ShiftOldFiles() const {
+    for (unsigned generation = m_rotation.keep; generation > 1; --generation) {
+        const std::string older = m_path + "." + std::to_string(generation);
+        const std::string newer = m_path + "." + std::to_string(generation - 1);
+        static_cast<void>(::rename(newer.c_str(), older.c_str()));
+    }
+}
+
+// The file the path names now, created when there is none; the old one stays when that fails.
+void FileLogSink::Reopen() {
+    UniqueFd fd(::open(m_path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    if (fd.Get() >= 0) m_fd = std::move(fd);
 }
 
 Log::Log(unsigned level, const char* source, int line) : m_level(level), m_source(source), m_line(line) {}

@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <cstdint>
 #include <memory>
+#include <mutex>
 #include <sstream>
 #include <string>
+
+#include "host/Files.h"
 
 namespace Plexum {
 
@@ -22,19 +26,44 @@ public:
     virtual void Write(const LogRecord& record) = 0;
 };
 
+// When a log file is rotated: once a record takes it past `maxBytes` (0:
+// never), FILE becomes FILE.1, FILE.1 becomes FILE.2 and so on, the oldest
+// beyond FILE.`keep` is dropped (keep 0: FILE itself is), and a new FILE starts.
+struct LogRotation {
+    uint64_t maxBytes = 0;
+    unsigned keep = 0;
+};
+
 // Appends "YYYY-MM-DD HH:MM:SS.mmm LEVEL source:line text" lines to a file
 // created with mode 0600 (records may name addresses and users); a record of a
 // target's run has "[LABEL] " after the level.
+//
+// Each record is one write to the end of the file, so records of several
+// threads and processes never mix. Runs that share the file also share its
+// rotation: it happens under a lock on FILE.lock, by the one run that finds
+// the path still naming the file it saw past the size; the others follow the
+// path to the new file at their next record. A record that lands in a file
+// rotated out of the kept ones meanwhile is written again to the new one.
 class FileLogSink : public LogSink {
 public:
     // Opens (creating parent directories) or fails with a message in `error`.
     static std::shared_ptr<FileLogSink> Open(const std::string& path, std::string& error);
-    ~FileLogSink() override;
     void Write(const LogRecord& record) override;
+    // Rotation starts with the next record; none until then.
+    void SetRotation(LogRotation rotation);
 
 private:
-    explicit FileLogSink(int fd) : m_fd(fd) {}
-    int m_fd;
+    FileLogSink(std::string path, UniqueFd fd) : m_path(std::move(path)), m_fd(std::move(fd)) {}
+    // These run with m_mutex held.
+    void Append(const std::string& line);
+    void Rotate();
+    void ShiftOldFiles() const;
+    void Reopen();
+
+    std::mutex m_mutex;
+    std::string m_path;
+    UniqueFd m_fd;
+    LogRotation m_rotation;
 };
 
 // One log record: made with a level, a source text and a line, filled through

@@ -4,6 +4,7 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -39,11 +40,30 @@ enum class ProtocolChoice { Auto, Redfish, Ipmi };
 // CAs, or its key pinned in the known-SMMs file (tofu records it on first contact).
 enum class TlsVerify { None, Ca, Pin, Tofu };
 
+// A pin of the known-SMMs file and when it was first seen there.
+struct RecordedPin {
+    std::string pin;        // sha256//BASE64
+    std::string firstSeen;  // YYYY-MM-DDTHH:MM:SSZ
+};
+
+// What recording a first pin came to: the pin that counts (another run's,
+// when that one was first), or why none could be recorded.
+struct PinRecording {
+    std::optional<RecordedPin> recorded;
+    std::string error;
+};
+
 struct TrustSettings {
     TlsVerify verify = TlsVerify::None;
     std::string caFile;     // ca: the CA certificates, else the system's store
     std::string knownSmms;  // pin, tofu: the known-SMMs file
     std::string key;        // pin, tofu: the target's key there (KnownSmms::Key)
+    // pin, tofu: what the host found for `key` in the run's one reading of
+    // the file, or why it could not be read; the run itself reads no file.
+    std::optional<RecordedPin> recorded;
+    std::string knownSmmsError;
+    // tofu: records the pin presented at the first contact with the target.
+    std::function<PinRecording(const std::string& pin)> recordFirstPin;
 };
 
 // The last answer of the SMM's Redfish service in a run, for saying why it did not serve.
@@ -122,6 +142,8 @@ public:
     ProtocolChoice Protocols() const { return m_protocols; }
     void SetTrust(TrustSettings trust) { m_trust = std::move(trust); }
     const TrustSettings& Trust() const { return m_trust; }
+    // The pin recorded for the target during the run (tofu): its next transfers are held to it.
+    void NotePin(RecordedPin pin) { m_trust.recorded = std::move(pin); }
     // Set when the SMM's certificate failed the trust settings: why, in one
     // line. Such a run must not go on over IPMI.
     void NoteTrustFailure(const std::string& reason) { m_trustFailure = reason; }

@@ -24,8 +24,12 @@ std::string PinOfPem(const std::string& pem) {
     if (!bio) return std::string();
     const std::unique_ptr<X509, X509Free> certificate(PEM_read_bio_X509(bio.get(), nullptr, nullptr, nullptr));
     if (!certificate) return std::string();
+    return PinOfCertificate(certificate.get());
+}
+
+std::string PinOfCertificate(const X509* certificate) {
     unsigned char* der = nullptr;
-    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate.get()), &der);
+    const int length = i2d_X509_PUBKEY(X509_get_X509_PUBKEY(certificate), &der);
     if (length <= 0) return std::string();
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int digestLength = 0;

@@ -39,6 +39,8 @@ DEFAULTS = [
     ("REDFISH_KNOWN_SMMS", None, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"),
     ("SMM_DETECT_TIMEOUT", "5"),
     ("SMM_MAX_AUTH_FAILURES", "3"),
+    ("LOG_MAX_BYTES", "16777216"),
+    ("LOG_KEEP", "3"),
 ]
 
 ALL_DEFAULTS = (
@@ -57,7 +59,9 @@ ALL_DEFAULTS = (
     "# built-in default: unset ($XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"
     "#REDFISH_KNOWN_SMMS=\n"
     "# built-in default\nSMM_DETECT_TIMEOUT=5\n"
-    "# built-in default\nSMM_MAX_AUTH_FAILURES=3\n")
+    "# built-in default\nSMM_MAX_AUTH_FAILURES=3\n"
+    "# built-in default\nLOG_MAX_BYTES=16777216\n"
+    "# built-in default\nLOG_KEEP=3\n")
 
 # What a package installs: every key there, commented out.
 COMMENTED_OUT = "# morvel system configuration; the user's file wins per key.\n" + "".join(

@@ -194,20 +194,55 @@ class Pins(TrustCase):
         self.assertEqual(sorted((key, pin) for key, pin, _ in lines),
                          sorted((s.address, pin_of(os.path.join(s.dir, "cert.pem"))) for s in sims))
 
-    def test_two_runs_pinning_at_once_lose_nothing(self):
-        sims = self.start_sims([{"PASSWORD": PASSWORD}] * 12)
+    def tofu_runs_at_once(self, groups, *extra):
+        """One `query --tls-verify tofu` run per group of SMMs, all at once; [(status, stdout, stderr)]."""
         env = self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD})
         config = self.write_config(CONFIG)
         runs = []
-        for half in (sims[:6], sims[6:]):
+        for group in groups:
             argv = MORVEL_WRAPPER + [MORVEL, "--config", config, "--log-file", os.path.join(self.tmp, "log"),
                                      "smmlan", "query", "--tls-verify", "tofu", "--known-smms", self.known,
-                                     "--bmc", "admin@" + ",".join(s.address for s in half)]
-            runs.append(subprocess.Popen(argv, env=env, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE))
+                                     "--bmc", "admin@" + ",".join(s.address for s in group)] + list(extra)
+            runs.append(subprocess.Popen(argv, env=env, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True))
+        ended = []
         for run in runs:
-            _, err = run.communicate(timeout=120)
-            self.assertEqual((run.returncode, err), (0, b""))
+            out, err = run.communicate(timeout=600)
+            ended.append((run.returncode, out, err))
+        return ended
+
+    def test_two_runs_pinning_at_once_lose_nothing(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD}] * 12)
+        for returncode, _, err in self.tofu_runs_at_once((sims[:6], sims[6:])):
+            self.assertEqual((returncode, err), (0, ""))
         self.assertEqual(sorted(key for key, _, _ in self.known_lines()), sorted(s.address for s in sims))
+
+    def test_ten_thousand_pins_are_read_once_for_a_run_over_many_smms(self):
+        sims = self.start_sims([{"PASSWORD": PASSWORD}] * 10)
+        os.makedirs(os.path.dirname(self.known))
+        with open(self.known, "w", encoding="ascii") as f:
+            for i in range(9990):
+                f.write("10.%d.%d.%d sha256//%s= 2026-11-24T08:00:00Z\n"
+                        % (i >> 16, (i >> 8) & 255, i & 255, ("%043d" % i).replace("0", "A")))
+            for sim in sims:
+                f.write("%s %s 2026-11-24T08:00:00Z\n" % (sim.address, pin_of(os.path.join(sim.dir, "cert.pem"))))
+        result = self.morvel(["smmlan", "query", "--output", "json", "--tls-verify", "pin", "--known-smms", self.known,
+                              "--bmc", "admin@" + ",".join(s.address for s in sims)])
+        self.assertEqual((result.returncode, result.stderr), (0, ""), result.describe())
+        self.assertEqual(json.loads(result.stdout.splitlines()[-1])["summary"]["succeeded"], 10)
+        # One read of the file, whatever the number of SMMs and transfers.
+        reads = re.findall(r"^\S+ \S+ TRACE (?:\[\S+\] )?src/trust/KnownSmms:1 (.*)$", result.files["log"], re.M)
+        self.assertEqual(reads, ["read 10000 pins from " + self.known])
+
+    def test_two_tofu_runs_of_fifty_smms_at_once_keep_every_pin(self):
+        # 75 SMMs: the first run takes 0-49, the second 25-74, so 25 are pinned by both at once.
+        sims = self.start_sims([{"PASSWORD": PASSWORD}] * 75)
+        for returncode, out, err in self.tofu_runs_at_once((sims[:50], sims[25:]), "--output", "json"):
+            self.assertEqual((returncode, err), (0, ""), out[-2000:])
+            self.assertEqual(json.loads(out.splitlines()[-1])["summary"]["succeeded"], 50)
+        lines = self.known_lines()
+        self.assertEqual(sorted((key, pin) for key, pin, _ in lines),
+                         sorted((s.address, pin_of(os.path.join(s.dir, "cert.pem"))) for s in sims))
+        self.assertEqual(os.stat(self.known).st_mode & 0o777, 0o600)
 
 
 class RedirectRecorder(BaseHTTPRequestHandler):

@@ -2,6 +2,7 @@
 #include "common/rest/PeerCertificate.h"
 
 #include <curl/curl.h>
+#include <openssl/ssl.h>
 
 #include <cstring>
 #include <memory>
@@ -71,6 +72,16 @@ PeerCertificateRead ReadPeerCertificate(const std::string& urlHost, int port, in
     certificate.notAfter = Field(items, "Expire date");
     read.certificate = std::move(certificate);
     return read;
+}
+
+std::string PresentedPin(CURL* handle) {
+    curl_tlssessioninfo* session = nullptr;
+    if (curl_easy_getinfo(handle, CURLINFO_TLS_SSL_PTR, &session) != CURLE_OK || session == nullptr ||
+        session->backend != CURLSSLBACKEND_OPENSSL || session->internals == nullptr) {
+        return std::string();
+    }
+    const X509* const presented = SSL_get0_peer_certificate(static_cast<const SSL*>(session->internals));
+    return presented != nullptr ? Trust::PinOfCertificate(presented) : std::string();
 }
 
 }  // namespace Rest

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <curl/curl.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -27,5 +29,11 @@ struct PeerCertificateRead {
 // credentials either. `urlHost` is the host as a URL writes it (an IPv6
 // literal in brackets).
 PeerCertificateRead ReadPeerCertificate(const std::string& urlHost, int port, int32_t timeoutSeconds);
+
+// The pin of the certificate that the TLS connection of `handle`'s transfer
+// presented, read from the connection itself while the transfer is under way
+// (from a CURLOPT_PREREQFUNCTION: after the handshake, before anything is
+// sent); empty when there is none.
+std::string PresentedPin(CURL* handle);
 
 }  // namespace Rest

@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "common/rest/PeerCertificate.h"
-#include "trust/KnownSmms.h"
 #include "host/RunContext.h"
 
 namespace Rest {
@@ -13,6 +12,8 @@ namespace {
 
 // A certificate read for a pin waits no longer than this.
 constexpr int32_t kPeerReadSeconds = 20;
+// libcurl's words for a key that does not match its pin: the body such a refused transfer has.
+constexpr char kPinMismatchText[] = "SSL: public key does not match pinned public key";
 
 struct UrlFree {
     void operator()(CURLU* url) const { curl_url_cleanup(url); }
@@ -65,43 +66,18 @@ RunTrust::RunTrust(const std::string& url) : m_url(url) {
 }
 
 void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
-    const std::string& url = m_url;
-
-    Trust::KnownSmms store(trust.knownSmms);
-    const Trust::KnownSmms::Found found = store.Find(trust.key);
-    if (!found.error.empty()) return Refuse("cannot read the known-SMMs file: " + found.error);
-    if (found.entry) {
-        m_pin = found.entry->pin;
-        m_firstSeen = found.entry->firstSeen;
+    if (!trust.knownSmmsError.empty()) return Refuse("cannot read the known-SMMs file: " + trust.knownSmmsError);
+    if (trust.recorded) {
+        m_pin = trust.recorded->pin;
+        m_firstSeen = trust.recorded->firstSeen;
         return;
     }
     if (trust.verify == Plexum::TlsVerify::Pin) {
         return Refuse("no pin is recorded for " + Where() + " in " + trust.knownSmms + "; check the SMM's key with "
                       "'morvel trust show " + Where() + "' and record it with 'morvel trust add " + Where() + "'");
     }
-    // Trust on first use: the key presented now becomes the one to match from here on.
-    std::string host;
-    int port = 0;
-    if (!HostAndPort(url, host, port)) return Refuse("cannot tell the host of " + url);
-    const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
-    if (!read.certificate) {
-        // No answer is no trust question, but nothing goes out unpinned: the
-        // transfer fails as it would have, and the run goes on as after any failed transfer.
-        m_refusal = Response(read.curlCode != 0 ? read.curlCode : CURLE_SSL_CONNECT_ERROR, -1, read.error);
-        return;
-    }
-    const std::string now = Trust::KnownSmms::UtcNow();
-    const Trust::KnownSmms::Change added = store.Add(trust.key, read.certificate->pin, now);
-    if (added.outcome == Trust::KnownSmms::Outcome::Failed) {
-        return Refuse("cannot record the pin of " + Where() + ": " + added.error);
-    }
-    // Another run may have recorded it a moment ago: its pin is the one that counts.
-    m_pin = added.pin;
-    if (added.outcome == Trust::KnownSmms::Outcome::Added) {
-        m_firstSeen = now;
-    } else if (const auto entry = store.Find(trust.key).entry) {
-        m_firstSeen = entry->firstSeen;
-    }
+    // Trust on first use: the key this transfer's connection presents becomes the one to match from here on.
+    m_firstContact = true;
 }
 
 std::string RunTrust::Where() const { return Plexum::RunContext::Current().Trust().key; }
@@ -126,12 +102,74 @@ bool RunTrust::Apply(CURL* handle) const {
     // SMMs sign their own certificates: the pinned key is what is trusted, not a chain.
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 0L);
     curl_easy_setopt(handle, CURLOPT_SSL_VERIFYHOST, 0L);
-    if (!m_pin.empty()) curl_easy_setopt(handle, CURLOPT_PINNEDPUBLICKEY, m_pin.c_str());
+    if (!m_firstContact) {
+        curl_easy_setopt(handle, CURLOPT_PINNEDPUBLICKEY, m_pin.c_str());
+        return true;
+    }
+    // One connection for the first contact: its key is read off the handshake and
+    // recorded before the request goes out on it. The connection and handshake
+    // wait no longer than a certificate read would.
+    m_handle = handle;
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, static_cast<long>(kPeerReadSeconds));
+    curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, &RunTrust::OnFirstContact);
+    curl_easy_setopt(handle, CURLOPT_PREREQDATA, this);
     return true;
 }
 
-void RunTrust::Review(const Response& response) const {
-    if (!m_active || !IsVerificationFailure(response.curlCode)) return;
+int RunTrust::OnFirstContact(void* self, char* /*remoteAddress*/, char* /*localAddress*/, int /*remotePort*/,
+                             int /*localPort*/) {
+    return static_cast<const RunTrust*>(self)->FirstContact() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+}
+
+// Every connection of the transfer (a redirect's too) must present the pin
+// that counts; the first one's is recorded, unless another run was first.
+bool RunTrust::FirstContact() const {
+    const std::string presented = PresentedPin(m_handle);
+    if (presented.empty()) {
+        m_stopped = Response(CURLE_SSL_CONNECT_ERROR, -1, "the server's certificate could not be read");
+        return false;
+    }
+    if (m_recordedPin.empty()) {
+        const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
+        const Plexum::PinRecording recording = trust.recordFirstPin
+                                                   ? trust.recordFirstPin(presented)
+                                                   : Plexum::PinRecording{std::nullopt, "no known-SMMs file was opened"};
+        if (!recording.recorded) {
+            m_stopped = Response(CURLE_SSL_PINNEDPUBKEYNOTMATCH, -1,
+                                 "cannot record the pin of " + Where() + ": " + recording.error);
+            m_trustStop = true;
+            return false;
+        }
+        m_recordedPin = recording.recorded->pin;
+        m_recordedFirstSeen = recording.recorded->firstSeen;
+        // The target's next transfers are held to it without asking the store again.
+        Plexum::RunContext::Current().NotePin(*recording.recorded);
+    }
+    if (presented == m_recordedPin) return true;
+    // Another run recorded another key first: refused as any pin that does not match.
+    m_presented = presented;
+    m_stopped = Response(CURLE_SSL_PINNEDPUBKEYNOTMATCH, -1, kPinMismatchText);
+    return false;
+}
+
+std::string RunTrust::MismatchReason(const std::string& presented) const {
+    const std::string& pin = m_firstContact ? m_recordedPin : m_pin;
+    const std::string& firstSeen = m_firstContact ? m_recordedFirstSeen : m_firstSeen;
+    return Where() + " presented a key that does not match its pin, and nothing was sent to it: recorded " + pin +
+           (firstSeen.empty() ? "" : " (first seen " + firstSeen + ")") + ", presented " + presented +
+           "; if its certificate was replaced on purpose, run " + TrustCommands(Where());
+}
+
+void RunTrust::Review(Response& response) const {
+    if (!m_active) return;
+    if (m_stopped.curlCode != -1) {
+        // Stopped by the first-contact check: nothing was sent.
+        response = m_stopped;
+        if (m_trustStop) Plexum::RunContext::Current().NoteTrustFailure(response.body);
+        if (!m_presented.empty()) Plexum::RunContext::Current().NoteTrustFailure(MismatchReason(m_presented));
+        return;
+    }
+    if (!IsVerificationFailure(response.curlCode)) return;
     const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
     std::string reason;
     if (response.curlCode == CURLE_SSL_PINNEDPUBKEYNOTMATCH) {
@@ -142,9 +180,7 @@ void RunTrust::Review(const Response& response) const {
             const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
             if (read.certificate) presented = read.certificate->pin;
         }
-        reason = Where() + " presented a key that does not match its pin, and nothing was sent to it: recorded " +
-                 m_pin + (m_firstSeen.empty() ? "" : " (first seen " + m_firstSeen + ")") + ", presented " + presented +
-                 "; if its certificate was replaced on purpose, run " + TrustCommands(Where());
+        reason = MismatchReason(presented);
     } else {
         reason = "the certificate of " + Where() + " failed verification against " +
                  (trust.caFile.empty() ? std::string("the system's CA certificates") : trust.caFile) + ": " +

@@ -117,7 +117,11 @@ TEST(ShowConfig, DefaultsOnly) {
               "# built-in default\n"
               "SMM_DETECT_TIMEOUT=5\n"
               "# built-in default\n"
-              "SMM_MAX_AUTH_FAILURES=3\n");
+              "SMM_MAX_AUTH_FAILURES=3\n"
+              "# built-in default\n"
+              "LOG_MAX_BYTES=16777216\n"
+              "# built-in default\n"
+              "LOG_KEEP=3\n");
 }
 
 TEST(ShowConfig, FileValuesUnknownKeysAndSecrets) {
@@ -142,6 +146,8 @@ TEST(ShowConfig, FileValuesUnknownKeysAndSecrets) {
         "#REDFISH_KNOWN_SMMS=\n"
         "# built-in default\nSMM_DETECT_TIMEOUT=5\n"
         "# built-in default\nSMM_MAX_AUTH_FAILURES=3\n"
+        "# built-in default\nLOG_MAX_BYTES=16777216\n"
+        "# built-in default\nLOG_KEEP=3\n"
         "# unknown key, /etc/morvel/morvel.conf line 7, value not shown\n"
         "BMC_PASSWORD=*\n"
         "# unknown key, /etc/morvel/morvel.conf line 9\n"

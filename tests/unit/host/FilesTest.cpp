@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <sys/stat.h>
+
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <chrono>
@@ -96,4 +99,82 @@ TEST(ReadBounded, AReadErrorKeepsItsErrno) {
     EXPECT_EQ(errno, EBADF);
 }
 
+TEST(WriteAll, WritesEverythingOrSaysItFailed) {
+    ScratchDirectory scratch;
+    const std::string path = scratch.Write("out", "");
+    const std::string text(200000, 'x');
+    {
+        const UniqueFd file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        EXPECT_TRUE(Plexum::WriteAll(file.Get(), text.data(), text.size()));
+        EXPECT_TRUE(Plexum::WriteAll(file.Get(), "", 0));
+    }
+    EXPECT_EQ(ReadWholeFile(path), text);
+    errno = 0;
+    EXPECT_FALSE(Plexum::WriteAll(-1, "x", 1));
+    EXPECT_EQ(errno, EBADF);
+}
+
+struct stat StatusOf(const std::string& path) {
+    struct stat status {};
+    EXPECT_EQ(::stat(path.c_str(), &status), 0) << path;
+    return status;
+}
+
+TEST(FileIdentity, TellsAFileFromAnotherAndFromItselfChanged) {
+    ScratchDirectory scratch;
+    const std::string path = scratch.Write("file", "one\n");
+    const Plexum::FileIdentity first = Plexum::FileIdentity::Of(StatusOf(path));
+    EXPECT_EQ(first, Plexum::FileIdentity::Of(StatusOf(path)));
+    EXPECT_EQ(first.size, 4);
+    {
+        const UniqueFd file(::open(path.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
+        ASSERT_TRUE(Plexum::WriteAll(file.Get(), "two\n", 4));
+    }
+    const Plexum::FileIdentity longer = Plexum::FileIdentity::Of(StatusOf(path));
+    EXPECT_NE(longer, first);
+    EXPECT_TRUE(longer.SameFile(first));
+    const std::string other = scratch.Write("other", "one\ntwo\n");
+    ASSERT_EQ(::rename(other.c_str(), path.c_str()), 0);
+    const Plexum::FileIdentity replaced = Plexum::FileIdentity::Of(StatusOf(path));
+    EXPECT_FALSE(replaced.SameFile(first));
+    EXPECT_NE(replaced, longer);
+}
+
+TEST(FileLock, CreatesAPrivateLockFileOnlyWhenAsked) {
+    ScratchDirectory scratch;
+    const std::string path = scratch.Path() + "/x.lock";
+    const Plexum::FileLock missing(path, Plexum::FileLock::Kind::Shared, false);
+    EXPECT_FALSE(missing.Held());
+    EXPECT_EQ(missing.Errno(), ENOENT);
+    EXPECT_EQ(missing.Error(), "cannot lock " + path + ": No such file or directory");
+    const mode_t previous = ::umask(0);
+    const Plexum::FileLock created(path, Plexum::FileLock::Kind::Exclusive, true);
+    ::umask(previous);
+    EXPECT_TRUE(created.Held());
+    EXPECT_EQ(created.Error(), "");
+    EXPECT_EQ(FileMode(path), 0600);
+}
+
+// Shared holders pass each other; an exclusive one waits until the last has gone.
+TEST(FileLock, SharedHoldersPassAnExclusiveOneWaits) {
+    ScratchDirectory scratch;
+    const std::string path = scratch.Path() + "/x.lock";
+    std::atomic<bool> taken{false};
+    std::thread writer;
+    {
+        const Plexum::FileLock first(path, Plexum::FileLock::Kind::Shared, true);
+        const Plexum::FileLock second(path, Plexum::FileLock::Kind::Shared, false);
+        ASSERT_TRUE(first.Held());
+        ASSERT_TRUE(second.Held());
+        writer = std::thread([&path, &taken] {
+            const Plexum::FileLock exclusive(path, Plexum::FileLock::Kind::Exclusive, false);
+            taken = exclusive.Held();
+        });
+        EXPECT_FALSE(taken);
+    }
+    writer.join();
+    EXPECT_TRUE(taken);
+}
+
 }  // namespace
+

@@ -17,6 +17,7 @@
 #include "support/RecordingHttpsServer.h"
 #include "trust/KnownSmms.h"
 #include "trust/Pin.h"
+#include "trust/TargetPins.h"
 
 namespace {
 
@@ -48,16 +49,27 @@ protected:
         ::rmdir(m_dir.c_str());
     }
 
-    // Installs trust settings for the run of this thread while the returned context lives.
+    // Installs trust settings for the run, as the host does at its start:
+    // with what the known-SMMs file holds for the target now.
     void Trust(Plexum::TlsVerify verify, const std::string& caFile = "") {
         Plexum::TrustSettings trust;
         trust.verify = verify;
         trust.caFile = caFile;
         trust.knownSmms = m_known;
         trust.key = Key();
+        Trust::ResolvePins(std::make_shared<Trust::KnownSmms>(m_known), trust);
         m_run.SetTrust(trust);
     }
     std::string Key() const { return "127.0.0.1:" + std::to_string(m_server.Port()); }
+
+    // The trust failure of a key that does not match `recorded`: the server's key is what was presented.
+    std::string Mismatch(const std::string& recorded, const std::string& firstSeen) const {
+        return Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " +
+               recorded + " (first seen " + firstSeen + "), presented " +
+               Trust::PinOfPem(m_server.Certificate().CertPem()) +
+               "; if its certificate was replaced on purpose, run 'morvel trust remove " + Key() +
+               "' and then 'morvel trust add " + Key() + "'";
+    }
 
     // A GET as the Redfish manager makes it: certificate not verified, credentials, redirects followed.
     Rest::Response Get(const std::string& url) {
@@ -117,19 +129,15 @@ TEST_F(RunTrustTest, TofuRecordsTheFirstKeyThenHoldsItsRunsToIt) {
 }
 
 TEST_F(RunTrustTest, AKeyThatDoesNotMatchItsPinIsRefusedBeforeAnythingIsSent) {
-    Trust(Plexum::TlsVerify::Pin);
     const std::string wrong = "sha256//" + std::string(43, 'A') + "=";
     ASSERT_EQ(Trust::KnownSmms(m_known).Add(Key(), wrong, "2026-01-02T03:04:05Z").outcome,
               Trust::KnownSmms::Outcome::Added);
+    Trust(Plexum::TlsVerify::Pin);
     const Rest::Response response = Get(m_server.Url(kPath));
     EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(response.body, "SSL: public key does not match pinned public key");
     EXPECT_EQ(m_server.RequestCount(), 0u);
-    const std::string presented = Trust::PinOfPem(m_server.Certificate().CertPem());
-    EXPECT_EQ(m_run.TrustFailure(),
-              Key() + " presented a key that does not match its pin, and nothing was sent to it: recorded " + wrong +
-                  " (first seen 2026-01-02T03:04:05Z), presented " + presented +
-                  "; if its certificate was replaced on purpose, run 'morvel trust remove " + Key() +
-                  "' and then 'morvel trust add " + Key() + "'");
+    EXPECT_EQ(m_run.TrustFailure(), Mismatch(wrong, "2026-01-02T03:04:05Z"));
 }
 
 TEST_F(RunTrustTest, PinWithoutARecordedPinConnectsNowhere) {
@@ -143,6 +151,65 @@ TEST_F(RunTrustTest, PinWithoutARecordedPinConnectsNowhere) {
                                  "' and record it with 'morvel trust add " + Key() + "'";
     EXPECT_EQ(response.body, expected);
     EXPECT_EQ(m_run.TrustFailure(), expected);
+}
+
+TEST_F(RunTrustTest, AKnownSmmsFileThatCannotBeReadRefusesEveryPin) {
+    ASSERT_EQ(::mkdir((m_dir + "/state").c_str(), 0700), 0);
+    ASSERT_EQ(::mkdir(m_known.c_str(), 0700), 0);
+    for (const Plexum::TlsVerify verify : {Plexum::TlsVerify::Pin, Plexum::TlsVerify::Tofu}) {
+        Trust(verify);
+        const Rest::Response response = Get(m_server.Url(kPath));
+        const std::string expected = "cannot read the known-SMMs file: cannot read " + m_known + ": Is a directory";
+        EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+        EXPECT_EQ(response.body, expected);
+        EXPECT_EQ(m_run.TrustFailure(), expected);
+    }
+    EXPECT_EQ(m_server.RequestCount(), 0u);
+    ::rmdir(m_known.c_str());
+}
+
+TEST_F(RunTrustTest, TofuThatCannotRecordThePinSendsNothing) {
+    Trust(Plexum::TlsVerify::Tofu);
+    Plexum::TrustSettings failing = m_run.Trust();
+    failing.recordFirstPin = [](const std::string&) { return Plexum::PinRecording{std::nullopt, "No space left on device"}; };
+    m_run.SetTrust(failing);
+    const Rest::Response response = Get(m_server.Url(kPath));
+    EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(response.body, "cannot record the pin of " + Key() + ": No space left on device");
+    EXPECT_EQ(m_run.TrustFailure(), response.body);
+    EXPECT_EQ(m_server.RequestCount(), 0u);
+}
+
+// No answer is no trust question: the transfer fails as it would have, and nothing is recorded.
+TEST_F(RunTrustTest, TofuWithNobodyListeningIsAFailedTransfer) {
+    Trust(Plexum::TlsVerify::Tofu);
+    const Rest::Response response = Get("https://127.0.0.1:1/redfish/v1/Chassis/2");
+    EXPECT_EQ(response.curlCode, CURLE_COULDNT_CONNECT);
+    EXPECT_EQ(response.httpCode, -1);
+    EXPECT_EQ(m_run.TrustFailure(), "");
+    EXPECT_FALSE(m_run.Trust().recorded);
+    struct stat status {};
+    EXPECT_NE(::stat(m_known.c_str(), &status), 0);
+}
+
+// The pin another run recorded first is the one the transfer is held to.
+TEST_F(RunTrustTest, TofuHoldsTheRunToThePinThatCounts) {
+    Trust(Plexum::TlsVerify::Tofu);
+    const std::string other = "sha256//" + std::string(43, 'B') + "=";
+    Plexum::TrustSettings raced = m_run.Trust();
+    raced.recordFirstPin = [other](const std::string&) {
+        return Plexum::PinRecording{Plexum::RecordedPin{other, "2026-11-24T07:00:00Z"}, ""};
+    };
+    m_run.SetTrust(raced);
+    const Rest::Response response = Get(m_server.Url(kPath));
+    EXPECT_EQ(response.curlCode, CURLE_SSL_PINNEDPUBKEYNOTMATCH);
+    EXPECT_EQ(response.httpCode, -1);
+    EXPECT_EQ(response.body, "SSL: public key does not match pinned public key");
+    EXPECT_EQ(m_server.RequestCount(), 0u);
+    EXPECT_EQ(m_run.TrustFailure(), Mismatch(other, "2026-11-24T07:00:00Z"));
+    // The target's next transfers are held to that pin too, without recording again.
+    ASSERT_TRUE(m_run.Trust().recorded);
+    EXPECT_EQ(m_run.Trust().recorded->pin, other);
 }
 
 TEST_F(RunTrustTest, CaVerifiesTheChainAndTheName) {
