@@ -12,7 +12,7 @@ import sys
 import time
 import unittest
 
-from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, E2ETestCase, scaled
+from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, E2ETestCase, peak_rss_bound_kib, scaled
 
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "IPMI_SESSION_TIMEOUT_MS": "2000"}
 QUERY_OK = ["************Query Result************", "", "Query SMM network status succeeded",
@@ -102,6 +102,18 @@ class CredentialsFile(CredentialsCase):
                 result = self.fleet(sims, "--credentials-file", path)
                 self.assertEqual((result.returncode, result.stdout, result.stderr),
                                  (5, "", "morvel: " + message.format(path) + "\n"))
+        self.assertEqual(sims[0].redfish_requests(), [])
+
+    def test_a_pattern_of_ten_million_hosts_is_refused_before_it_is_expanded(self):
+        sims = self.sims(1)
+        pattern = "smm[%s]" % ",".join(["0-99999"] * 100)
+        path = self.file("%s admin %s\n" % (pattern, PASSWORDS[0]))
+        result = self.run_morvel(["smmlan", "query", "--bmc", "admin@" + sims[0].address, "--credentials-file", path],
+                                 config=CONFIG, measure_rss=True)
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (5, "", "morvel: %s:1: '%s': more than 100000 targets after expansion\n" % (path, pattern)))
+        # Under valgrind or AddressSanitizer the figure includes their own memory.
+        self.assertLess(result.peak_rss_kib, peak_rss_bound_kib(20, 512))
         self.assertEqual(sims[0].redfish_requests(), [])
 
 

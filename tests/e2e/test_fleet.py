@@ -20,7 +20,7 @@ import unittest
 
 import jsonschema
 
-from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase, scaled
+from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase, peak_rss_bound_kib, scaled
 
 PASSWORD = "Fl33t:pw@1"
 # Twenty SMMs at once under valgrind answer slowly: the session time-out grows with the time scale.
@@ -76,10 +76,10 @@ def comparable(record):
 
 
 class FleetCase(E2ETestCase):
-    def fleet(self, args, stdin=None, env=None, config=None, timeout=300):
+    def fleet(self, args, stdin=None, env=None, config=None, timeout=300, measure_rss=False):
         result = self.run_morvel(["smmlan"] + list(args), config=dict(CONFIG, **(config or {})), log_level=4,
                                  env=dict({"MORVEL_BMC_PASSWORD": PASSWORD}, **(env or {})), stdin=stdin,
-                                 timeout=timeout)
+                                 timeout=timeout, measure_rss=measure_rss)
         for text in (result.stdout, result.stderr, result.files["log"]):
             self.assertNotIn(PASSWORD, text)
             self.assertNotIn("Fl33t", text)
@@ -173,6 +173,17 @@ class TextOutput(FleetCase):
                 result = self.fleet(["query"] + args)
                 self.assertEqual((result.returncode, result.stdout, result.stderr), (5, "", message + "\n"))
         self.assertEqual((sim.redfish_requests(), sim.ipmi_requests()), ([], []))
+
+    def test_ten_million_hosts_in_one_range_are_refused_before_they_are_expanded(self):
+        # A hundred spans of 100000 in one group: counted, never written out (that took 534 MB).
+        item = "h[%s]" % ",".join(["0-99999"] * 100)
+        result = self.fleet(["query", "--bmc", "admin@" + item], measure_rss=True)
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (5, "", "morvel: --bmc: '%s': more than 100000 targets after expansion\n" % item))
+        # Under valgrind or AddressSanitizer the figure includes their own memory.
+        self.assertLess(result.peak_rss_kib, peak_rss_bound_kib(20, 512))
+        sys.stderr.write("\n[fleet] 10,000,000 hosts in one range refused: peak RSS %.1f MiB\n"
+                         % (result.peak_rss_kib / 1024))
 
     def test_unknown_subcommand_of_a_fleet_is_refused_at_once(self):
         sims = self.start_sims([{"PASSWORD": PASSWORD}] * 2)
