@@ -278,6 +278,34 @@ class JsonOutput(FleetCase):
         self.assertEqual([s.state()["STATUS"] for s in sims], [1, 1])
         self.assertEqual((summary["succeeded"], summary["failed"]), (2, 0))
 
+    def test_a_change_the_smm_refuses_was_still_sent(self):
+        # One refuses the address method and the network switch, the other the address method (its network is on).
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "INITIAL_STATUS": 2, "REDFISH": "off", "CC": "F3:C1,F1.01:C1"},
+                                {"PASSWORD": PASSWORD, "INITIAL_STATUS": 1, "REDFISH": "off", "CC": "F3:C1"}])
+        result = self.fleet(["enable", "--method", "dhcp", "--output", "json",
+                             "--bmc", "admin@%s,%s" % (sims[0].address, sims[1].address)])
+        self.assertEqual((result.returncode, result.stderr), (1, ""), result.describe())
+        rows, summary = records(result.stdout)
+        got = {r["target"]: (r["code"], r["ok"], r["change_sent"], r["state"]["network"], r["console"]) for r in rows}
+        self.assertEqual(got, {
+            sims[0].address: (1, False, True, "disabled",
+                              [ENABLE_BANNER, "", "Enable SMM network failed.", "    Error msg: Generic Failure.", "",
+                               ENABLE_BANNER]),
+            sims[1].address: (0, True, True, "enabled",
+                              [ENABLE_BANNER, "", "Enable SMM network succeeded",
+                               "Sleep 10 seconds more to let SMM network up", "SMM IP: 192.0.2.100", "",
+                               ENABLE_BANNER])})
+        self.assertEqual(summary["failed_by_code"], {"1": [sims[0].address]})
+        # Every change request went out and was refused: nothing changed.
+        self.assertEqual(self.changes(sims[0]), [("f3", "02", "c1"), ("f1", "01", "c1")])
+        self.assertEqual(self.changes(sims[1]), [("f3", "02", "c1")])
+        self.assertEqual([s.state()["STATUS"] for s in sims], [2, 1])
+
+    def changes(self, sim):
+        """(cmd, data, completion code) of every request that is no status or address read."""
+        return [(r["cmd"], r["data"], r["cc"]) for r in sim.records("ipmi")
+                if (r["cmd"], r["data"]) != ("f1", "00") and r["cmd"] != "c4"]
+
 
 class Interrupt(FleetCase):
     def start_polling_enable(self, count, sig):

@@ -119,9 +119,11 @@ void SmmLanManager::SendAndClose(uint8_t command, std::vector<uint8_t> data, Rep
     m_client->Close();
 }
 
-int32_t SmmLanManager::Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply) {
+int32_t SmmLanManager::Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply, Effect effect) {
     const int32_t opened = OpenResult(m_client->Open());
     if (!IsSuccess(opened)) return opened;
+    // Whatever comes back, even a refusal or nothing at all, the change went out.
+    if (effect == Effect::Change) Plexum::RunContext::Current().NoteChangeSent();
     SendAndClose(command, std::move(data), reply);
     return RESULT_SUCCEED;
 }
@@ -188,9 +190,8 @@ int32_t SmmLanManager::SetIpObtainMethod(IpObtainMethod method) {
     }
     PLEXUM_LOG(3, kSource, __LINE__) << "Start to set ip obtained method.";
     Reply reply;
-    const int32_t opened = Exchange(kIpObtainMethodCommand, {static_cast<uint8_t>(method)}, reply);
+    const int32_t opened = Exchange(kIpObtainMethodCommand, {static_cast<uint8_t>(method)}, reply, Effect::Change);
     if (!IsSuccess(opened)) return opened;
-    if (reply.completionCode == 0) Plexum::RunContext::Current().NoteChangeSent();
     // A refused method is only logged: the network goes on with the SMM's own.
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Failed to set smm lan method";
@@ -233,14 +234,14 @@ int32_t SmmLanManager::SetLanStatus(SmmLanStatus wanted) {
 
     const bool enable = wanted == SMM_LAN_ENABLED;
     Reply reply;
-    const int32_t opened = Exchange(kLanStatusCommand, {static_cast<uint8_t>(enable ? 0x01 : 0x02)}, reply);
+    const int32_t opened =
+        Exchange(kLanStatusCommand, {static_cast<uint8_t>(enable ? 0x01 : 0x02)}, reply, Effect::Change);
     if (!IsSuccess(opened)) return opened;
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Execute ipmi command to set smm network status to "
                                          << static_cast<uint32_t>(wanted) << " failed";
         return RESULT_GENERIC_FAILURE;
     }
-    Plexum::RunContext::Current().NoteChangeSent();
     const std::string action = enable ? "enable" : "disable";
     ConsoleReport(3, kSource, __LINE__).Stream() << "[INFO]: Send " << action
                                                  << " command succeeded, wait for status take effect.";
@@ -260,7 +261,8 @@ int32_t SmmLanManager::SetIpmiOverLanStatus(SmmLanStatus wanted) {
     }
 
     Reply reply;
-    const int32_t opened = Exchange(kLanStatusCommand, {static_cast<uint8_t>(SMM_LAN_AND_IPMI_ENABLED)}, reply);
+    const int32_t opened = Exchange(kLanStatusCommand, {static_cast<uint8_t>(SMM_LAN_AND_IPMI_ENABLED)}, reply,
+                                    Effect::Change);
     if (!IsSuccess(opened)) return opened;
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Execute ipmi command to set smm ipmi over lan status to " << 4
@@ -268,7 +270,6 @@ int32_t SmmLanManager::SetIpmiOverLanStatus(SmmLanStatus wanted) {
         // Usually an SMM whose firmware lacks the service: say so instead of a generic failure.
         return RESULT_ENABLE_IPMI_FAILED;
     }
-    Plexum::RunContext::Current().NoteChangeSent();
     ConsoleReport(3, kSource, __LINE__).Stream() << "[INFO]: Send enable command succeeded, wait for status take effect.";
     return WaitForStatus(wanted, {"Check SMM IPMI over LAN status attempt(", "The SMM IPMI over LAN status take effected.",
                                   "Execute command to enable SMM IPMI over LAN success but wait status change timeout"});

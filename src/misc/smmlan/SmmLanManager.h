@@ -59,8 +59,11 @@ private:
         std::string timeout;
     };
 
+    // What a request does to the SMM: a change is noted in the run as it goes
+    // out, before its answer (or none) is known.
+    enum class Effect { Read, Change };
     // Open, send, close. Nothing is sent when Open fails; its result code is returned.
-    int32_t Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply);
+    int32_t Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply, Effect effect = Effect::Read);
     void SendAndClose(uint8_t command, std::vector<uint8_t> data, Reply& reply);
     int32_t WaitForStatus(SmmLanStatus wanted, const WaitTexts& texts);
     void Sleep(uint64_t milliseconds);

@@ -216,6 +216,7 @@ int32_t SmmLanManagerRest::update(const std::string& key, const std::string& val
                << "}}}";
     const std::string body = bodyStream.str();
     PLEXUM_LOG(3, kLogSource, __LINE__) << "post body:" << body;
+    // Whatever comes back, even a refusal or nothing at all, the change went out.
     Plexum::RunContext::Current().NoteChangeSent();
     m_response = m_client->Patch(m_url, body);
     PLEXUM_LOG(3, kLogSource, __LINE__) << "curl code:" << m_response.curlCode << " status code:"
