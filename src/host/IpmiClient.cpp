@@ -300,9 +300,4 @@ int32_t IpmiClient::Open() {
     return opened;
 }
 
-int IpmiClient::InitializeLibrary() {
-    const IpmiBackendLoad& load = LoadIpmiBackend();
-    return load.backend != nullptr ? load.initResult : -1;
-}
-
 }  // namespace Plexum

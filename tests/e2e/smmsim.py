@@ -49,6 +49,8 @@ IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DI
 # a real one on this machine out of the tests' runs.
 SYSTEM_CONFIG = os.environ.get("MORVEL_SYSTEM_CONFIG") or "/etc/morvel/morvel.conf"
 PEAK_RSS = os.environ.get("PEAK_RSS") or os.path.join(BUILD_DIR, "bin", "peak_rss")
+# The host library beside a libmorvel_ipmi.so whose FreeIPMI set-up fails (tests/e2e/CMakeLists.txt).
+FAILING_IPMI_DIR = os.environ.get("FAILING_IPMI_DIR") or os.path.join(BUILD_DIR, "tests", "e2e", "failing-ipmi")
 
 
 def build_option(name):
@@ -612,15 +614,16 @@ class E2ETestCase(unittest.TestCase):
         return env
 
     def run_probe(self, address, port, ops, user="admin", password="secret", count=1, config=None, timeout=120,
-                  netns=None):
-        """Runs ipmi_client_probe; returns (result, [parsed lines])."""
+                  netns=None, env=None):
+        """Runs ipmi_client_probe (with `env` added to its environment); returns (result, [parsed lines])."""
         argv = [IPMI_CLIENT_PROBE, "--address", address, "--user", user, "--port", str(port), "--count", str(count)]
         for key, value in (config or {}).items():
             argv += ["--set", "%s=%s" % (key, value)]
         argv += list(ops)
         if netns is not None:
             argv = netns.wrap(argv)
-        result = run_command(argv, env=self.env({"IPMI_PROBE_PASSWORD": password}), timeout=timeout)
+        result = run_command(argv, env=self.env(dict({"IPMI_PROBE_PASSWORD": password}, **(env or {}))),
+                             timeout=timeout)
         if result.returncode != 0:
             self.fail("ipmi_client_probe failed:\n" + result.describe())
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
@@ -694,4 +697,4 @@ __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_
            "https_request",
            "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "build_option", "MORVEL", "MODULE_DIR", "SMM_SIM",
            "MORVEL_WRAPPER", "SYSTEM_CONFIG", "system_config_wrapper",
-           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE"]
+           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE", "FAILING_IPMI_DIR"]

@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: GPL-3.0-or-later
 """Plexum::IpmiClient (FreeIPMI, LAN 2.0) against the simulated SMM over real UDP on loopback."""
 
+import os
 import unittest
 
-from smmsim import E2ETestCase, UdpBlackhole
+from smmsim import FAILING_IPMI_DIR, E2ETestCase, UdpBlackhole
 
 # ipmi_sim needs this FreeIPMI workaround to grant the administrator privilege.
 WORKAROUND = {"IPMI_WORKAROUND_FLAGS": "opensesspriv"}
@@ -96,6 +97,21 @@ class CredentialRefusals(E2ETestCase):
                                      config=dict(WORKAROUND, IPMI_PRIVILEGE_LEVEL=level))
             answers.append((rows[0]["rc"], rows[1]["cc"]))
         self.assertEqual(answers, [(0, "d4"), (0, "d4"), (0, "00"), (0, "00")])
+
+
+class FreeIpmiSetUp(E2ETestCase):
+    def test_a_failed_set_up_fails_every_open_with_a_record(self):
+        # The host library loaded from a folder where libmorvel_ipmi.so's set-up fails.
+        address = self.lease_address()
+        result, rows = self.run_probe(address, 623, ["open", "send", "3a", "f1", "00", "close", "open"],
+                                      config=WORKAROUND, env={"LD_LIBRARY_PATH": FAILING_IPMI_DIR})
+        # Not 0 and not the refused-credentials value.
+        self.assertEqual([(r["op"], r.get("rc"), r.get("cc")) for r in rows],
+                         [("open", 1, None), ("send", -1, "ff"), ("close", None, None), ("open", 1, None)])
+        backend = os.path.join(os.path.realpath(FAILING_IPMI_DIR), "libmorvel_ipmi.so")
+        unavailable = "LOG1 IPMI unavailable: cannot set up FreeIPMI from %s: ipmi_rmcpplus_init returned -1" % backend
+        self.assertEqual([line for line in result.stderr.splitlines() if line.startswith("LOG1 ")],
+                         [unavailable, "LOG1 IPMI request 0x3a/0xf1 without an open session", unavailable])
 
 
 class Unreachable(E2ETestCase):
