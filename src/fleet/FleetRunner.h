@@ -19,7 +19,11 @@ namespace Fleet {
 struct TargetOutcome {
     size_t index = 0;  // the target's place in the run's list
     MorvelResult result;
-    std::string failure;       // the host could not run the target to its end: why, in one line
+    // Set when the host ended the target without the module's own answer: why,
+    // in one line, shown instead of the result's message. The result is then
+    // the host's: 5 when the password command gave no password, 17 when the
+    // module could not be run to its end (no application object, an exception).
+    std::string failure;
     bool interrupted = false;  // stopped at a wait; `result` means nothing then
     bool changeSent = false;
     Plexum::Protocol protocol = Plexum::Protocol::None;
@@ -32,8 +36,8 @@ struct TargetOutcome {
 
 // Runs one target's whole behaviour on the calling thread, with the target's
 // run context installed for it (Plexum::RunContext::Current()). It fills the
-// outcome's `result`, and `failure` when it could not run the target to its
-// end; Plexum::RunInterrupted passes through it.
+// outcome's `result`, and `failure` when the host ended the target itself
+// (see TargetOutcome); Plexum::RunInterrupted passes through it.
 using RunTarget = std::function<void(Target& target, TargetOutcome& outcome)>;
 
 // Runs every target through `run` on a pool of at most `fanout` threads: each
