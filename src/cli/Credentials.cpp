@@ -175,30 +175,24 @@ PasswordCommand::Parsed PasswordCommand::Parse(const std::string& command) {
 
 namespace {
 
-// posix_spawn's two C attribute objects, each with one owner.
-class SpawnActions {
+// posix_spawn's C attribute objects, each with one owner: set up by Init,
+// freed by Destroy.
+template <typename Object, int (*Init)(Object*), int (*Destroy)(Object*)>
+class SpawnObject {
 public:
-    SpawnActions() { posix_spawn_file_actions_init(&m_actions); }
-    ~SpawnActions() { posix_spawn_file_actions_destroy(&m_actions); }
-    SpawnActions(const SpawnActions&) = delete;
-    SpawnActions& operator=(const SpawnActions&) = delete;
-    posix_spawn_file_actions_t* Get() { return &m_actions; }
+    SpawnObject() { Init(&m_object); }
+    ~SpawnObject() { Destroy(&m_object); }
+    SpawnObject(const SpawnObject&) = delete;
+    SpawnObject& operator=(const SpawnObject&) = delete;
+    Object* Get() { return &m_object; }
 
 private:
-    posix_spawn_file_actions_t m_actions{};
+    Object m_object{};
 };
 
-class SpawnAttributes {
-public:
-    SpawnAttributes() { posix_spawnattr_init(&m_attributes); }
-    ~SpawnAttributes() { posix_spawnattr_destroy(&m_attributes); }
-    SpawnAttributes(const SpawnAttributes&) = delete;
-    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
-    posix_spawnattr_t* Get() { return &m_attributes; }
-
-private:
-    posix_spawnattr_t m_attributes{};
-};
+using SpawnActions =
+    SpawnObject<posix_spawn_file_actions_t, posix_spawn_file_actions_init, posix_spawn_file_actions_destroy>;
+using SpawnAttributes = SpawnObject<posix_spawnattr_t, posix_spawnattr_init, posix_spawnattr_destroy>;
 
 // Texts that exec wants as a null-terminated array of pointers into them.
 class ArgumentVector {

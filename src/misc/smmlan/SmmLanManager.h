@@ -66,6 +66,17 @@ private:
     int32_t Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply, Effect effect = Effect::Read);
     void SendAndClose(uint8_t command, std::vector<uint8_t> data, Reply& reply);
     int32_t WaitForStatus(SmmLanStatus wanted, const WaitTexts& texts);
+
+    // The framed block each subcommand ends with: the banner, the failure
+    // lines or what `succeeded` prints, the banner again, then the exit trace.
+    struct ResultBlock {
+        const char* banner;
+        const char* failedLine;
+        const char* operation;  // the qualified name of the exit trace
+    };
+    int32_t ReportResult(const ResultBlock& block, int32_t result, const std::function<void()>& succeeded);
+    // Query's lines after a successful status read.
+    void ReportStatus(SmmLanStatus status);
     void Sleep(uint64_t milliseconds);
 
     Plexum::IpmiClient* m_client;
