@@ -78,6 +78,11 @@ def scaled(seconds):
     return seconds * TIME_SCALE
 
 
+# How long a test waits for something that must happen before it gives up: a
+# guard against a hang, far beyond any machine's speed, never a bound on it.
+HANG_GUARD = 600
+
+
 def peak_rss_bound_kib(plain_mib, instrumented_mib):
     """The largest peak RSS a morvel run may reach: plain, or under valgrind or AddressSanitizer."""
     return (instrumented_mib if MORVEL_WRAPPER or SANITIZED else plain_mib) * 1024
@@ -234,6 +239,15 @@ def system_config_wrapper(staging=None, scratch=None):
     """Words to run a command with the system configuration's folder replaced (see above)."""
     return ["unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c", _SYSTEM_CONFIG_SCRIPT,
             "morvel-system-config", os.path.dirname(SYSTEM_CONFIG), staging or "", scratch or ""]
+
+
+def read_text(path):
+    """A file's text as it is now, "" while it does not exist."""
+    try:
+        with open(path, encoding="utf-8", errors="replace") as f:
+            return f.read()
+    except FileNotFoundError:
+        return ""
 
 
 def write_config(path, items):
@@ -600,6 +614,13 @@ class E2ETestCase(unittest.TestCase):
         self.addCleanup(namespace.close)
         return namespace
 
+    def wait_for(self, condition, what, guard=HANG_GUARD):
+        """Polls `condition` until it holds; fails naming `what` if it has not after `guard` seconds."""
+        deadline = time.monotonic() + guard
+        while not condition():
+            self.assertLess(time.monotonic(), deadline, "waited %d s for %s" % (guard, what))
+            time.sleep(0.02)
+
     def lease_port(self, host="::1"):
         port, lease = lease_port(host)
         self.addCleanup(lease.release)
@@ -629,16 +650,17 @@ class E2ETestCase(unittest.TestCase):
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
 
     def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option",
-                   netns=None, wrapper=None, binary=MORVEL, measure_rss=False):
+                   netns=None, wrapper=None, binary=MORVEL, measure_rss=False, log_file=None):
         """Runs build/bin/morvel (or `binary`) with args.
 
         config: dict written to a file passed with --config (config_via="option") or
         $MORVEL_CONFIG (config_via="env"). The log goes to a file in the test's
         directory; its text is in result.files["log"]. wrapper: words run before
         the binary (and before $MORVEL_WRAPPER). measure_rss: run it under
-        peak_rss and set result.peak_rss_kib.
+        peak_rss and set result.peak_rss_kib. log_file: where the log goes, for
+        a test that reads it while the run goes on (default: a new file).
         """
-        log_file = os.path.join(self._new_dir("log"), "morvel.log")
+        log_file = log_file or os.path.join(self._new_dir("log"), "morvel.log")
         host_args = ["--log-file", log_file]
         extra = {"MORVEL_MODULE_PATH": MODULE_DIR}
         if log_level is not None:
@@ -697,4 +719,5 @@ __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_
            "https_request",
            "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "build_option", "MORVEL", "MODULE_DIR", "SMM_SIM",
            "MORVEL_WRAPPER", "SYSTEM_CONFIG", "system_config_wrapper",
-           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE", "FAILING_IPMI_DIR"]
+           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE", "FAILING_IPMI_DIR", "HANG_GUARD",
+           "read_text"]
