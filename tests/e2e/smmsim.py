@@ -67,14 +67,14 @@ LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettem
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
 # Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
 MORVEL_WRAPPER = shlex.split(os.environ.get("MORVEL_WRAPPER", ""))
-# Stretches the time bounds of the tests, for runs under valgrind (scripts/valgrind sets 10).
+# Stretches the time-outs a working SMM must never meet, for runs under valgrind (scripts/valgrind sets 10).
 TIME_SCALE = float(os.environ.get("MORVEL_E2E_TIME_SCALE") or "1")
 # Set by an AddressSanitizer build: its shadow memory and quarantine multiply a process's RSS.
 SANITIZED = os.environ.get("MORVEL_SANITIZED") == "1"
 
 
 def scaled(seconds):
-    """A time bound in seconds, stretched by MORVEL_E2E_TIME_SCALE."""
+    """A time-out in seconds that a working SMM must never meet, stretched by MORVEL_E2E_TIME_SCALE."""
     return seconds * TIME_SCALE
 
 

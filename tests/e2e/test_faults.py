@@ -8,8 +8,8 @@ result when the SMM comes back, "13 Connection failed." (or another documented
 result) when the network eats too much, and the IPMI fallback whenever the
 Redfish support probe fails. ctest runs this module with the label `faults`.
 
-MORVEL_E2E_TIME_SCALE (default 1) stretches every time bound, for runs under
-valgrind (scripts/valgrind).
+MORVEL_E2E_TIME_SCALE (default 1) stretches the session time-outs that a
+working session start must never meet, for runs under valgrind (scripts/valgrind).
 """
 
 import atexit
