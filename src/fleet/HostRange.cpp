@@ -149,6 +149,7 @@ bool Step(const Group& group, Cursor& at) {
 void Expand(const Pattern& pattern, std::vector<std::string>& out) {
     const std::vector<Group>& groups = pattern.groups;
     std::vector<Cursor> at;
+    at.reserve(groups.size());
     for (const Group& group : groups) at.push_back(FirstOf(group));
     for (;;) {
         std::string host = pattern.pieces[0];

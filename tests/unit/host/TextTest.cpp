@@ -3,15 +3,17 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 namespace {
 
 using Plexum::Trim;
 
 TEST(Text, TrimTakesWhiteSpaceByDefault) {
-    EXPECT_EQ(Trim(" \t\r\n\f\vSMM 1\f\v\r\n\t "), "SMM 1");
-    EXPECT_EQ(Trim(" \t\r\n\f\v"), "");
-    EXPECT_EQ(Trim(""), "");
-    EXPECT_EQ(Trim("x"), "x");
+    const std::pair<std::string, std::string> cases[] = {
+        {" \t\r\n\f\vSMM 1\f\v\r\n\t ", "SMM 1"}, {" \t\r\n\f\v", ""}, {"", ""}, {"x", "x"}};
+    for (const auto& c : cases) EXPECT_EQ(Trim(c.first), c.second) << c.first;
 }
 
 TEST(Text, TrimTakesOnlyTheBlanksItIsGiven) {
