@@ -83,7 +83,10 @@ private:
 TEST(UserFilePath, TheProcessLookupReadsTheEnvironmentAndThePasswordDatabase) {
     ScopedVariable state("XDG_STATE_HOME");
     ScopedVariable home("HOME");
-    passwd* const entry = ::getpwuid(::getuid());
+    passwd record{};
+    passwd* entry = nullptr;
+    char buffer[16384];
+    ASSERT_EQ(::getpwuid_r(::getuid(), &record, buffer, sizeof buffer, &entry), 0);
     ASSERT_NE(entry, nullptr);
     EXPECT_EQ(Plexum::PasswordDatabaseHome(), entry->pw_dir);
     state.Set("");
