@@ -1,11 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "cli/ConfigFiles.h"
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cerrno>
 
 #include "host/Text.h"
 
@@ -17,38 +13,18 @@ namespace MorvelCli {
 
 std::string SystemConfigPath() { return MORVEL_SYSTEM_CONFIG; }
 
-std::string HomeDirectory(const char* home) {
-    if (home != nullptr && home[0] != '\0') return home;
-    // getpwuid_r: getpwuid's static record is not safe if a module runs threads.
-    const long suggested = ::sysconf(_SC_GETPW_R_SIZE_MAX);
-    std::vector<char> buffer(suggested > 0 ? static_cast<size_t>(suggested) : 16384);
-    passwd record{};
-    passwd* entry = nullptr;
-    int error = 0;
-    while ((error = ::getpwuid_r(::getuid(), &record, buffer.data(), buffer.size(), &entry)) == ERANGE &&
-           buffer.size() < (size_t{1} << 20)) {
-        buffer.resize(buffer.size() * 2);
-    }
-    if (error == 0 && entry != nullptr && entry->pw_dir != nullptr) return entry->pw_dir;
-    return std::string();
-}
-
-std::string UserConfigPath(const char* xdgConfigHome, const char* home) {
-    // A relative XDG_CONFIG_HOME is ignored, as the XDG base directory rules say.
-    if (xdgConfigHome != nullptr && xdgConfigHome[0] == '/') return std::string(xdgConfigHome) + "/morvel/morvel.conf";
-    const std::string base = HomeDirectory(home);
-    if (base.empty()) return std::string();
-    return base + "/.config/morvel/morvel.conf";
+std::string UserConfigPath(const Plexum::UserLookup& user) {
+    return Plexum::UserFilePath(Plexum::UserFolder::Config, "morvel.conf", user);
 }
 
 std::vector<Plexum::ConfigLayer> ConfigSearchPath(bool hasConfig, const std::string& config,
-                                                  const char* morvelConfig, const char* xdgConfigHome,
-                                                  const char* home, const std::string& systemPath) {
+                                                  const char* morvelConfig, const Plexum::UserLookup& user,
+                                                  const std::string& systemPath) {
     if (hasConfig) return {Plexum::ConfigLayer{config, true}};
     if (morvelConfig != nullptr && morvelConfig[0] != '\0') return {Plexum::ConfigLayer{morvelConfig, true}};
     std::vector<Plexum::ConfigLayer> layers;
-    const std::string user = UserConfigPath(xdgConfigHome, home);
-    if (!user.empty()) layers.push_back(Plexum::ConfigLayer{user, false});
+    const std::string userPath = UserConfigPath(user);
+    if (!userPath.empty()) layers.push_back(Plexum::ConfigLayer{userPath, false});
     if (!systemPath.empty()) layers.push_back(Plexum::ConfigLayer{systemPath, false});
     return layers;
 }

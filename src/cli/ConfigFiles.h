@@ -5,26 +5,22 @@
 #include <vector>
 
 #include "host/GlobalConfig.h"
+#include "host/UserPaths.h"
 
 namespace MorvelCli {
 
 // The system-wide configuration file, fixed by the build (MORVEL_SYSTEM_CONFIG).
 std::string SystemConfigPath();
 
-// HOME when set and not empty, else the user's home from the password
-// database; empty when neither is known.
-std::string HomeDirectory(const char* home);
-
-// $XDG_CONFIG_HOME/morvel/morvel.conf when XDG_CONFIG_HOME is an absolute
-// path, else HOME/.config/morvel/morvel.conf; empty when there is no home.
-std::string UserConfigPath(const char* xdgConfigHome, const char* home);
+// The user's file: morvel.conf by the rule of every per-user file (Plexum::UserFilePath).
+std::string UserConfigPath(const Plexum::UserLookup& user = Plexum::UserLookup());
 
 // Which files make the configuration, the one that wins first: the explicit
 // file alone (--config, else $MORVEL_CONFIG when not empty), required; else
 // the user's file, then the system's, each skipped when it does not exist.
 std::vector<Plexum::ConfigLayer> ConfigSearchPath(bool hasConfig, const std::string& config,
-                                                  const char* morvelConfig, const char* xdgConfigHome,
-                                                  const char* home, const std::string& systemPath);
+                                                  const char* morvelConfig, const Plexum::UserLookup& user,
+                                                  const std::string& systemPath);
 
 // The text of the log record that names the files read: "configuration read
 // from A" or "... from A and B".

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <sstream>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "fleet/HostRange.h"
 #include "host/Files.h"
@@ -171,6 +173,157 @@ PasswordCommand::Parsed PasswordCommand::Parse(const std::string& command) {
     return parsed;
 }
 
+namespace {
+
+// posix_spawn's C attribute objects, each with one owner: set up by Init,
+// freed by Destroy.
+template <typename Object, int (*Init)(Object*), int (*Destroy)(Object*)>
+class SpawnObject {
+public:
+    SpawnObject() { Init(&m_object); }
+    ~SpawnObject() { Destroy(&m_object); }
+    SpawnObject(const SpawnObject&) = delete;
+    SpawnObject& operator=(const SpawnObject&) = delete;
+    Object* Get() { return &m_object; }
+
+private:
+    Object m_object{};
+};
+
+using SpawnActions =
+    SpawnObject<posix_spawn_file_actions_t, posix_spawn_file_actions_init, posix_spawn_file_actions_destroy>;
+using SpawnAttributes = SpawnObject<posix_spawnattr_t, posix_spawnattr_init, posix_spawnattr_destroy>;
+
+// Texts that exec wants as a null-terminated array of pointers into them.
+class ArgumentVector {
+public:
+    explicit ArgumentVector(std::vector<std::string> texts) : m_texts(std::move(texts)) {
+        m_pointers.reserve(m_texts.size() + 1);
+        for (std::string& text : m_texts) m_pointers.push_back(&text[0]);
+        m_pointers.push_back(nullptr);
+    }
+    ArgumentVector(const ArgumentVector&) = delete;
+    ArgumentVector& operator=(const ArgumentVector&) = delete;
+    char* const* Get() const { return m_pointers.data(); }
+
+private:
+    std::vector<std::string> m_texts;
+    std::vector<char*> m_pointers;
+};
+
+// This process's environment with the target's host, port and user in it.
+std::vector<std::string> CommandEnvironment(const std::string& host, int port, const std::string& user) {
+    std::vector<std::string> environment;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        if (std::strncmp(*entry, "MORVEL_TARGET_", 14) != 0) environment.emplace_back(*entry);
+    }
+    environment.push_back("MORVEL_TARGET_HOST=" + host);
+    environment.push_back("MORVEL_TARGET_PORT=" + std::to_string(port));
+    environment.push_back("MORVEL_TARGET_USER=" + user);
+    return environment;
+}
+
+// Standard input from /dev/null, standard output into `output`, standard
+// error left to the user; a process group of its own, so a time-out ends
+// whatever it started too. It starts as any program does, with no signal
+// blocked and none ignored: the run over many SMMs blocks SIGINT and SIGTERM
+// in every thread, and a child would inherit that.
+int Spawn(const std::vector<std::string>& words, const std::vector<std::string>& environment, int output,
+          pid_t& child) {
+    SpawnActions actions;
+    posix_spawn_file_actions_addopen(actions.Get(), 0, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(actions.Get(), output, 1);
+    SpawnAttributes attributes;
+    sigset_t none;
+    sigemptyset(&none);
+    sigset_t all;
+    sigfillset(&all);
+    posix_spawnattr_setsigmask(attributes.Get(), &none);
+    posix_spawnattr_setsigdefault(attributes.Get(), &all);
+    posix_spawnattr_setflags(attributes.Get(), POSIX_SPAWN_SETPGROUP | POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+    posix_spawnattr_setpgroup(attributes.Get(), 0);
+    const ArgumentVector argv(words);
+    const ArgumentVector envp(environment);
+    return ::posix_spawnp(&child, argv.Get()[0], actions.Get(), attributes.Get(), argv.Get(), envp.Get());
+}
+
+// What the command printed before its output ended or the deadline came.
+struct FirstLine {
+    std::string text;
+    bool tooLong = false;
+};
+
+// Reads the command's output until it ends or `deadline`; keeps only the
+// first line, and reads and drops the rest so the command can finish.
+FirstLine ReadFirstLine(int output, std::chrono::steady_clock::time_point deadline) {
+    FirstLine first;
+    bool haveLine = false;
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        if (left.count() <= 0) break;
+        pollfd watched{output, POLLIN, 0};
+        const int ready = ::poll(&watched, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno == EINTR) continue;
+        if (ready <= 0) break;
+        char buffer[4096];
+        const ssize_t got = ::read(output, buffer, sizeof buffer);
+        if (got < 0 && errno == EINTR) continue;
+        if (got <= 0) break;  // end of output
+        for (ssize_t i = 0; i < got && !haveLine && !first.tooLong; ++i) {
+            if (buffer[i] == '\n') {
+                haveLine = true;
+            } else if (first.text.size() == PasswordCommand::kMaxLineBytes) {
+                first.tooLong = true;
+            } else {
+                first.text.push_back(buffer[i]);
+            }
+        }
+    }
+    return first;
+}
+
+// The child's end: true and its wait status once it ended within the
+// deadline; false after ending it (and its process group) at the deadline.
+bool Reap(pid_t child, std::chrono::steady_clock::time_point deadline, int& status) {
+    pid_t reaped = ::waitpid(child, &status, WNOHANG);
+    while (reaped == 0 && std::chrono::steady_clock::now() < deadline) {
+        // Output closed but not yet gone: wait for its end, within the limit.
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        reaped = ::waitpid(child, &status, WNOHANG);
+    }
+    if (reaped != 0) return true;
+    ::kill(-child, SIGKILL);
+    ::waitpid(child, &status, 0);
+    return false;
+}
+
+std::string LimitText(std::chrono::milliseconds limit) {
+    const auto ms = limit.count();
+    return ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms";
+}
+
+// The answer from how the command ended and what it printed.
+PasswordCommand::Answer Judge(int status, FirstLine first) {
+    PasswordCommand::Answer answer;
+    if (WIFSIGNALED(status)) {
+        answer.error = "the password command was ended by signal " + std::to_string(WTERMSIG(status));
+    } else if (WEXITSTATUS(status) != 0) {
+        answer.error = "the password command exited with status " + std::to_string(WEXITSTATUS(status));
+    } else if (first.tooLong) {
+        answer.error = "the password command printed a first line longer than 4096 bytes";
+    } else {
+        if (!first.text.empty() && first.text.back() == '\r') first.text.pop_back();
+        if (first.text.empty()) {
+            answer.error = "the password command printed no password";
+        } else {
+            answer.password = std::move(first.text);
+        }
+    }
+    return answer;
+}
+
+}  // namespace
+
 PasswordCommand::Answer PasswordCommand::Run(const std::string& host, int port, const std::string& user,
                                              std::chrono::milliseconds limit) const {
     Answer answer;
@@ -181,103 +334,21 @@ PasswordCommand::Answer PasswordCommand::Run(const std::string& host, int port, 
     }
     UniqueFd readEnd(pipeEnds[0]);
     UniqueFd writeEnd(pipeEnds[1]);
-
-    std::vector<std::string> environment;
-    for (char** entry = environ; *entry != nullptr; ++entry) {
-        if (std::strncmp(*entry, "MORVEL_TARGET_", 14) != 0) environment.emplace_back(*entry);
-    }
-    environment.push_back("MORVEL_TARGET_HOST=" + host);
-    environment.push_back("MORVEL_TARGET_PORT=" + std::to_string(port));
-    environment.push_back("MORVEL_TARGET_USER=" + user);
-    std::vector<char*> envp;
-    envp.reserve(environment.size() + 1);
-    for (std::string& entry : environment) envp.push_back(&entry[0]);
-    envp.push_back(nullptr);
-    std::vector<std::string> words = m_words;
-    std::vector<char*> argv;
-    argv.reserve(words.size() + 1);
-    for (std::string& word : words) argv.push_back(&word[0]);
-    argv.push_back(nullptr);
-
-    // Standard input from /dev/null, standard output into the pipe, standard
-    // error left to the user; a process group of its own, so a time-out ends
-    // whatever it started too.
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, writeEnd.Get(), 1);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETPGROUP);
-    posix_spawnattr_setpgroup(&attributes, 0);
     pid_t child = -1;
-    const int spawned = ::posix_spawnp(&child, argv[0], &actions, &attributes, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
+    const int spawned = Spawn(m_words, CommandEnvironment(host, port, user), writeEnd.Get(), child);
     writeEnd = UniqueFd();
     if (spawned != 0) {
         answer.error = std::string("cannot run the password command: ") + std::strerror(spawned);
         return answer;
     }
-
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    std::string first;
-    bool haveLine = false;
-    bool tooLong = false;
-    for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        if (left.count() <= 0) break;
-        pollfd watched{readEnd.Get(), POLLIN, 0};
-        const int ready = ::poll(&watched, 1, static_cast<int>(left.count()));
-        if (ready < 0 && errno == EINTR) continue;
-        if (ready <= 0) break;
-        char buffer[4096];
-        const ssize_t got = ::read(readEnd.Get(), buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) continue;
-        if (got <= 0) break;  // end of output
-        // Only the first line is kept; the rest is read and dropped so the command can finish.
-        for (ssize_t i = 0; i < got && !haveLine && !tooLong; ++i) {
-            if (buffer[i] == '\n') {
-                haveLine = true;
-            } else if (first.size() == kMaxLineBytes) {
-                tooLong = true;
-            } else {
-                first.push_back(buffer[i]);
-            }
-        }
-    }
-    const bool inTime = std::chrono::steady_clock::now() < deadline;
+    FirstLine first = ReadFirstLine(readEnd.Get(), deadline);
     int status = 0;
-    pid_t reaped = ::waitpid(child, &status, WNOHANG);
-    while (inTime && reaped == 0) {
-        // Output closed but not yet gone: wait for its end, within the limit.
-        if (std::chrono::steady_clock::now() >= deadline) break;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-        reaped = ::waitpid(child, &status, WNOHANG);
-    }
-    if (reaped == 0) {
-        ::kill(-child, SIGKILL);
-        ::waitpid(child, &status, 0);
-        const auto ms = limit.count();
-        answer.error = "the password command did not end within " +
-                       (ms % 1000 == 0 ? std::to_string(ms / 1000) + " s" : std::to_string(ms) + " ms");
+    if (!Reap(child, deadline, status)) {
+        answer.error = "the password command did not end within " + LimitText(limit);
         return answer;
     }
-    if (WIFSIGNALED(status)) {
-        answer.error = "the password command was ended by signal " + std::to_string(WTERMSIG(status));
-    } else if (WEXITSTATUS(status) != 0) {
-        answer.error = "the password command exited with status " + std::to_string(WEXITSTATUS(status));
-    } else if (tooLong) {
-        answer.error = "the password command printed a first line longer than 4096 bytes";
-    } else {
-        if (!first.empty() && first.back() == '\r') first.pop_back();
-        if (first.empty()) {
-            answer.error = "the password command printed no password";
-        } else {
-            answer.password = std::move(first);
-        }
-    }
-    return answer;
+    return Judge(status, std::move(first));
 }
 
 }  // namespace MorvelCli

@@ -36,18 +36,15 @@
 #include "host/MorvelResult.h"
 #include "host/RunContext.h"
 #include "host/UserContext.h"
+#include "host/UserPaths.h"
 
 namespace MorvelCli {
 
 using Fleet::TargetError;
+using Plexum::Environment;
 using Fleet::TargetList;
 
 namespace {
-
-const char* Environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr && value[0] != '\0' ? value : nullptr;
-}
 
 int Fail(int exitStatus, const std::string& message) {
     PLEXUM_LOG(1, HostLog::kSource, HostLog::kFailure) << message << " (exit status " << exitStatus << ")";
@@ -63,9 +60,7 @@ void Warn(const std::string& message) {
 // An explicit --log-file that cannot be opened is an error; the default one
 // only costs the log, not the command. `sink` gets the log's file, if any.
 bool OpenLog(const CommandLine& line, std::shared_ptr<Plexum::FileLogSink>& sink, int& exitStatus) {
-    const std::string path = line.hasLogFile
-                                 ? line.logFile
-                                 : DefaultLogFilePath(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+    const std::string path = line.hasLogFile ? line.logFile : DefaultLogFilePath();
     if (path.empty()) return true;
     std::string error;
     sink = Plexum::FileLogSink::Open(path, error);
@@ -86,8 +81,8 @@ bool OpenLog(const CommandLine& line, std::shared_ptr<Plexum::FileLogSink>& sink
 bool ReadConfiguration(const CommandLine& line, Plexum::ConfigSettings& settings, std::vector<std::string>& read,
                        std::string& error) {
     const std::vector<Plexum::ConfigLayer> layers =
-        ConfigSearchPath(line.hasConfig, line.config, Environment("MORVEL_CONFIG"), std::getenv("XDG_CONFIG_HOME"),
-                         std::getenv("HOME"), SystemConfigPath());
+        ConfigSearchPath(line.hasConfig, line.config, Environment("MORVEL_CONFIG"), Plexum::UserLookup(),
+                         SystemConfigPath());
     return Plexum::GlobalConfig::ReadLayers(layers, settings, read, error);
 }
 
@@ -332,12 +327,8 @@ int RunManyTargets(const ModuleLoader& loader, const UserContext& base, const st
 
 }  // namespace
 
-std::string DefaultLogFilePath(const char* xdgStateHome, const char* home) {
-    // A relative XDG_STATE_HOME is ignored, as the XDG base directory rules say.
-    if (xdgStateHome != nullptr && xdgStateHome[0] == '/') return std::string(xdgStateHome) + "/morvel/morvel.log";
-    const std::string base = HomeDirectory(home);
-    if (base.empty()) return std::string();
-    return base + "/.local/state/morvel/morvel.log";
+std::string DefaultLogFilePath(const Plexum::UserLookup& user) {
+    return Plexum::UserFilePath(Plexum::UserFolder::State, "morvel.log", user);
 }
 
 namespace {
@@ -435,7 +426,7 @@ int RunCommandLine(int argc, char** argv) {
     TargetList list;
     if (!ReadTargets(line, list, exitStatus)) return exitStatus;
     std::vector<Target>& targets = list.Targets();
-    const RunSettingsRead read = ReadRunSettings(line, std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+    const RunSettingsRead read = ReadRunSettings(line);
     if (!read.settings) return Fail(kExitInvalidParameter, read.error);
     const RunSettings& settings = *read.settings;
     const FleetSettingsRead fleetRead = ReadFleetSettings(line, targets.size());

@@ -3,16 +3,18 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <map>
 
 #include "host/GlobalConfig.h"
 #include "host/Text.h"
+#include "host/UserPaths.h"
 #include "trust/KnownSmms.h"
 #include "trust/TargetPins.h"
 
 namespace MorvelCli {
 namespace {
+
+using Plexum::Environment;
 
 // The value of the option, else of the configuration key, else empty; `from`
 // says which, for messages.
@@ -29,11 +31,6 @@ std::string Chosen(const CommandLine& line, const std::string& option, const std
     }
     from.clear();
     return std::string();
-}
-
-const char* Environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr && value[0] != '\0' ? value : nullptr;
 }
 
 template <typename Choice>
@@ -60,7 +57,7 @@ void RunSettings::ApplyTo(Plexum::RunContext& run, const Target& target) const {
     run.SetTrust(std::move(forTarget));
 }
 
-RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHome, const char* home) {
+RunSettingsRead ReadRunSettings(const CommandLine& line, const Plexum::UserLookup& user) {
     RunSettings settings;
     std::string from;
 
@@ -85,7 +82,7 @@ RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHom
     }
     settings.trust.knownSmms = Chosen(line, "known-smms", "REDFISH_KNOWN_SMMS", from);
     if (!from.empty() && settings.trust.knownSmms.empty()) return Refuse(from + " needs a file name");
-    if (from.empty()) settings.trust.knownSmms = Trust::KnownSmms::DefaultPath(xdgStateHome, home);
+    if (from.empty()) settings.trust.knownSmms = Trust::KnownSmms::DefaultPath(user);
     const bool pins = settings.trust.verify == Plexum::TlsVerify::Pin || settings.trust.verify == Plexum::TlsVerify::Tofu;
     if (pins && settings.trust.knownSmms.empty()) {
         return Refuse("no place for the known-SMMs file: there is no home; give --known-smms FILE");

@@ -9,6 +9,7 @@
 #include "cli/Credentials.h"
 #include "fleet/TargetList.h"
 #include "host/RunContext.h"
+#include "host/UserPaths.h"
 
 namespace Trust {
 class KnownSmms;
@@ -46,7 +47,7 @@ struct RunSettingsRead {
     std::string error;  // one line, without "morvel: ", naming the option or key at fault
 };
 
-// `xdgStateHome` and `home` for the known-SMMs file's default place.
-RunSettingsRead ReadRunSettings(const CommandLine& line, const char* xdgStateHome, const char* home);
+// `user` decides the known-SMMs file's default place.
+RunSettingsRead ReadRunSettings(const CommandLine& line, const Plexum::UserLookup& user = Plexum::UserLookup());
 
 }  // namespace MorvelCli

@@ -23,8 +23,10 @@ namespace Fleet {
 struct TargetOutcome {
     size_t index = 0;  // the target's place in the run's list
     MorvelResult result;
-    // The host could not run the target to its end: why, in one line; `result`
-    // says how (5: the password command gave no password; 17: the module failed).
+    // Set when the host ended the target without the module's own answer: why,
+    // in one line, shown instead of the result's message. The result is then
+    // the host's: 5 when the password command gave no password, 17 when the
+    // module could not be run to its end (no application object, an exception).
     std::string failure;
     bool interrupted = false;  // stopped at a wait; `result` means nothing then
     bool unreachable = false;  // answered nothing within the detection's bound: never run
@@ -40,8 +42,8 @@ struct TargetOutcome {
 
 // Runs one target's whole behaviour on the calling thread, with the target's
 // run context installed for it (Plexum::RunContext::Current()). It fills the
-// outcome's `result`, and `failure` when it could not run the target to its
-// end; Plexum::RunInterrupted passes through it.
+// outcome's `result`, and `failure` when the host ended the target itself
+// (see TargetOutcome); Plexum::RunInterrupted passes through it.
 using RunTarget = std::function<void(Target& target, TargetOutcome& outcome)>;
 
 struct RunnerOptions {

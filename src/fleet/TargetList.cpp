@@ -4,8 +4,6 @@
 #include <arpa/inet.h>
 #include <sys/stat.h>
 
-#include <algorithm>
-#include <cctype>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -34,12 +32,8 @@ TargetError From(const std::string& origin, const std::string& reason) {
     return TargetError{message};
 }
 
-std::string Trimmed(const std::string& line) {
-    const char* const blanks = " \t\r";
-    const size_t first = line.find_first_not_of(blanks);
-    if (first == std::string::npos) return std::string();
-    return line.substr(first, line.find_last_not_of(blanks) - first + 1);
-}
+// A target file's line without the blanks around it and the CR of a CRLF line end.
+std::string Trimmed(const std::string& line) { return Plexum::Trim(line, " \t\r"); }
 
 // Reads one line of at most `limit` bytes into `line`. 1: a line, 0: end of
 // input, -1: a line too long.
@@ -62,9 +56,7 @@ std::string RepeatKey(const Plexum::BmcTarget& bmc) {
         ::inet_ntop(AF_INET6, &address, text, sizeof text) != nullptr) {
         host = text;
     }
-    std::transform(host.begin(), host.end(), host.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return host + "\n" + std::to_string(bmc.port);
+    return Plexum::Lower(host) + "\n" + std::to_string(bmc.port);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include "host/Files.h"
+#include "host/Text.h"
 
 namespace Plexum {
 namespace {
@@ -23,15 +24,6 @@ std::mutex& ConfigMutex() {
 std::map<std::string, std::string>& Items() {
     static std::map<std::string, std::string> items;
     return items;
-}
-
-const char* const kBlanks = " \t\r\n\f\v";
-
-std::string Trim(const std::string& text) {
-    const size_t first = text.find_first_not_of(kBlanks);
-    if (first == std::string::npos) return std::string();
-    const size_t last = text.find_last_not_of(kBlanks);
-    return text.substr(first, last - first + 1);
 }
 
 }  // namespace

@@ -42,14 +42,14 @@ struct IpmiBackend {
 };
 
 struct IpmiBackendLoad {
-    const IpmiBackend* backend = nullptr;  // null when the library could not be loaded
-    int initResult = -1;                   // ipmi_rmcpplus_init's answer
-    std::string error;                     // without a backend: the file and the loader's reason
+    const IpmiBackend* backend = nullptr;  // null when FreeIPMI cannot be used
+    std::string error;                     // without a backend: why, naming the file
 };
 
 // Loads libmorvel_ipmi.so from the directory the host library was loaded from,
 // once per process, and in the same once sets up FreeIPMI's crypto libraries,
-// which is not thread-safe. Any thread may call it; the answer never changes.
+// which is not thread-safe; a library whose set-up failed is no backend. Any
+// thread may call it; the answer never changes.
 const IpmiBackendLoad& LoadIpmiBackend();
 
 }  // namespace Plexum

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include <dlfcn.h>
+
 #include <cstdlib>
+#include <string>
 
 #include "host/Files.h"
 #include "host/IpmiBackend.h"
@@ -49,9 +51,15 @@ IpmiBackendLoad Load() {
         ::dlclose(handle);
         return load;
     }
-    // The library stays loaded for the life of the process: sessions and their contexts live in it.
+    // The library stays loaded for the life of the process: sessions and their contexts live in it,
+    // and a set-up that failed halfway may have left its crypto libraries hooked up.
+    const int setUp = backend->rmcpplusInit();
+    if (setUp != 0) {
+        load.error = "cannot set up FreeIPMI from " + path + ": ipmi_rmcpplus_init returned " + std::to_string(setUp);
+        // cppcheck-suppress resourceLeak  ; the handle is never closed, on purpose (above)
+        return load;
+    }
     load.backend = backend;
-    load.initResult = backend->rmcpplusInit();
     // cppcheck-suppress resourceLeak  ; the handle is never closed, on purpose (above)
     return load;
 }

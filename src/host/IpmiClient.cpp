@@ -2,7 +2,6 @@
 #include "host/IpmiClient.h"
 
 #include <algorithm>
-#include <cctype>
 #include <cstdint>
 #include <sstream>
 
@@ -10,6 +9,7 @@
 #include "host/IpmiBackend.h"
 #include "host/Log.h"
 #include "host/RunContext.h"
+#include "host/Text.h"
 
 namespace Plexum {
 namespace {
@@ -23,19 +23,8 @@ constexpr uint8_t kLunBmc = 0;
 // An IPMI response never exceeds this (the command byte, the completion code, data).
 constexpr unsigned kMaxResponse = 256;
 
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-std::string Trim(const std::string& text) {
-    const char* const blanks = " \t\r\n";
-    const size_t first = text.find_first_not_of(blanks);
-    if (first == std::string::npos) return std::string();
-    const size_t last = text.find_last_not_of(blanks);
-    return text.substr(first, last - first + 1);
-}
+// The IPMI keys' values and the port text lose their blanks and line ends.
+std::string Trimmed(const std::string& text) { return Trim(text, kBlanksAndLineEnds); }
 
 // The names FreeIPMI's own tools accept for the LAN 2.0 workarounds.
 struct WorkaroundName {
@@ -58,7 +47,7 @@ unsigned ReadWorkaroundFlags() {
     std::istringstream items(text);
     std::string item;
     while (std::getline(items, item, ',')) {
-        const std::string name = Lower(Trim(item));
+        const std::string name = Lower(Trimmed(item));
         if (name.empty()) continue;
         bool known = false;
         for (const WorkaroundName& entry : kWorkarounds) {
@@ -78,7 +67,7 @@ unsigned ReadWorkaroundFlags() {
 uint8_t ReadPrivilegeLevel() {
     std::string text;
     if (GlobalConfig::GetConfigItem("IPMI_PRIVILEGE_LEVEL", text) != 0) return IPMI_PRIVILEGE_LEVEL_ADMIN;
-    const std::string name = Lower(Trim(text));
+    const std::string name = Lower(Trimmed(text));
     if (name == "user") return IPMI_PRIVILEGE_LEVEL_USER;
     if (name == "operator") return IPMI_PRIVILEGE_LEVEL_OPERATOR;
     if (name == "admin" || name == "administrator") return IPMI_PRIVILEGE_LEVEL_ADMIN;
@@ -90,7 +79,7 @@ uint8_t ReadPrivilegeLevel() {
 std::string HostWithPort(const std::string& address, const std::string& port) {
     std::string host = address;
     if (host.size() >= 2 && host.front() == '[' && host.back() == ']') host = host.substr(1, host.size() - 2);
-    const std::string trimmedPort = Trim(port);
+    const std::string trimmedPort = Trimmed(port);
     if (trimmedPort.empty()) return host.find(':') != std::string::npos ? "[" + host + "]" : host;
     if (host.find(':') != std::string::npos) return "[" + host + "]:" + trimmedPort;
     return host + ":" + trimmedPort;
@@ -301,11 +290,6 @@ int32_t IpmiClient::Open() {
         RunContext::Current().NoteCredentials(opened == 0);
     }
     return opened;
-}
-
-int IpmiClient::InitializeLibrary() {
-    const IpmiBackendLoad& load = LoadIpmiBackend();
-    return load.backend != nullptr ? load.initResult : -1;
 }
 
 }  // namespace Plexum

@@ -35,11 +35,6 @@ public:
                                 uint8_t& completionCode);
     virtual ~IpmiClient();
 
-    // Loads FreeIPMI (libmorvel_ipmi.so, beside the host library) and sets up the
-    // crypto libraries it uses, once per process. The first Open does the same,
-    // thread-safely, so calling this first is never needed. 0 on success.
-    static int InitializeLibrary();
-
     static constexpr int32_t kOpenRefused = 2;
     static constexpr int32_t kOpenFailed = 1;
     static constexpr uint8_t kNoReply = 0xFF;

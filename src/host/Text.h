@@ -5,8 +5,13 @@
 
 namespace Plexum {
 
-// The text without leading and trailing blanks (space, tab, CR, LF, FF, VT).
-std::string Trim(const std::string& text);
+// What Trim takes off by default: space, tab, CR, LF, FF and VT.
+constexpr const char* kWhiteSpace = " \t\r\n\f\v";
+// Blanks and line ends only: space, tab, CR and LF.
+constexpr const char* kBlanksAndLineEnds = " \t\r\n";
+
+// The text without leading and trailing characters of `blanks`.
+std::string Trim(const std::string& text, const char* blanks = kWhiteSpace);
 
 // The text with ASCII letters in lower case.
 std::string Lower(std::string text);

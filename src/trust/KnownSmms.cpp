@@ -153,10 +153,8 @@ UniqueFd OpenForAppend(const std::string& path, bool& created) {
 
 KnownSmms::~KnownSmms() { Sync(); }
 
-std::string KnownSmms::DefaultPath(const char* xdgStateHome, const char* home) {
-    if (xdgStateHome != nullptr && xdgStateHome[0] == '/') return std::string(xdgStateHome) + "/morvel/known_smms";
-    if (home == nullptr || home[0] == '\0') return std::string();
-    return std::string(home) + "/.local/state/morvel/known_smms";
+std::string KnownSmms::DefaultPath(const Plexum::UserLookup& user) {
+    return Plexum::UserFilePath(Plexum::UserFolder::State, "known_smms", user);
 }
 
 std::string KnownSmms::Key(const std::string& host, bool ipv6, int port) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "host/Files.h"
+#include "host/UserPaths.h"
 
 namespace Trust {
 
@@ -50,9 +51,9 @@ public:
     KnownSmms& operator=(const KnownSmms&) = delete;
     const std::string& Path() const { return m_path; }
 
-    // $XDG_STATE_HOME/morvel/known_smms when XDG_STATE_HOME is absolute, else
-    // HOME/.local/state/morvel/known_smms; empty when there is no home.
-    static std::string DefaultPath(const char* xdgStateHome, const char* home);
+    // known_smms by the rule of every per-user file (Plexum::UserFilePath);
+    // empty when there is no home.
+    static std::string DefaultPath(const Plexum::UserLookup& user = Plexum::UserLookup());
     // The key of an SMM: its host in lower case (an IPv6 literal in brackets), ":PORT" unless 443.
     static std::string Key(const std::string& host, bool ipv6, int port);
     // "sha256//" and 44 characters of base64 (32 bytes).

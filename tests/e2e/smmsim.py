@@ -49,6 +49,8 @@ IPMI_CLIENT_PROBE = os.environ.get("IPMI_CLIENT_PROBE") or os.path.join(BUILD_DI
 # a real one on this machine out of the tests' runs.
 SYSTEM_CONFIG = os.environ.get("MORVEL_SYSTEM_CONFIG") or "/etc/morvel/morvel.conf"
 PEAK_RSS = os.environ.get("PEAK_RSS") or os.path.join(BUILD_DIR, "bin", "peak_rss")
+# The host library beside a libmorvel_ipmi.so whose FreeIPMI set-up fails (tests/e2e/CMakeLists.txt).
+FAILING_IPMI_DIR = os.environ.get("FAILING_IPMI_DIR") or os.path.join(BUILD_DIR, "tests", "e2e", "failing-ipmi")
 
 
 def build_option(name):
@@ -65,15 +67,20 @@ LOCK_DIR = os.environ.get("MORVEL_E2E_LOCK_DIR") or os.path.join(tempfile.gettem
 KEEP = os.environ.get("MORVEL_E2E_KEEP") == "1"
 # Words put before the morvel binary in run_morvel (scripts/valgrind runs it under valgrind this way).
 MORVEL_WRAPPER = shlex.split(os.environ.get("MORVEL_WRAPPER", ""))
-# Stretches the time bounds of the tests, for runs under valgrind (scripts/valgrind sets 10).
+# Stretches the time-outs a working SMM must never meet, for runs under valgrind (scripts/valgrind sets 10).
 TIME_SCALE = float(os.environ.get("MORVEL_E2E_TIME_SCALE") or "1")
 # Set by an AddressSanitizer build: its shadow memory and quarantine multiply a process's RSS.
 SANITIZED = os.environ.get("MORVEL_SANITIZED") == "1"
 
 
 def scaled(seconds):
-    """A time bound in seconds, stretched by MORVEL_E2E_TIME_SCALE."""
+    """A time-out in seconds that a working SMM must never meet, stretched by MORVEL_E2E_TIME_SCALE."""
     return seconds * TIME_SCALE
+
+
+# How long a test waits for something that must happen before it gives up: a
+# guard against a hang, far beyond any machine's speed, never a bound on it.
+HANG_GUARD = 600
 
 
 def peak_rss_bound_kib(plain_mib, instrumented_mib):
@@ -232,6 +239,15 @@ def system_config_wrapper(staging=None, scratch=None):
     """Words to run a command with the system configuration's folder replaced (see above)."""
     return ["unshare", "--mount", "--propagation", "private", "--", "/bin/sh", "-c", _SYSTEM_CONFIG_SCRIPT,
             "morvel-system-config", os.path.dirname(SYSTEM_CONFIG), staging or "", scratch or ""]
+
+
+def read_text(path):
+    """A file's text as it is now, "" while it does not exist."""
+    try:
+        with open(path, encoding="utf-8", errors="replace") as f:
+            return f.read()
+    except FileNotFoundError:
+        return ""
 
 
 def write_config(path, items):
@@ -603,6 +619,13 @@ class E2ETestCase(unittest.TestCase):
         self.addCleanup(namespace.close)
         return namespace
 
+    def wait_for(self, condition, what, guard=HANG_GUARD):
+        """Polls `condition` until it holds; fails naming `what` if it has not after `guard` seconds."""
+        deadline = time.monotonic() + guard
+        while not condition():
+            self.assertLess(time.monotonic(), deadline, "waited %d s for %s" % (guard, what))
+            time.sleep(0.02)
+
     def lease_port(self, host="::1"):
         port, lease = lease_port(host)
         self.addCleanup(lease.release)
@@ -617,30 +640,32 @@ class E2ETestCase(unittest.TestCase):
         return env
 
     def run_probe(self, address, port, ops, user="admin", password="secret", count=1, config=None, timeout=120,
-                  netns=None):
-        """Runs ipmi_client_probe; returns (result, [parsed lines])."""
+                  netns=None, env=None):
+        """Runs ipmi_client_probe (with `env` added to its environment); returns (result, [parsed lines])."""
         argv = [IPMI_CLIENT_PROBE, "--address", address, "--user", user, "--port", str(port), "--count", str(count)]
         for key, value in (config or {}).items():
             argv += ["--set", "%s=%s" % (key, value)]
         argv += list(ops)
         if netns is not None:
             argv = netns.wrap(argv)
-        result = run_command(argv, env=self.env({"IPMI_PROBE_PASSWORD": password}), timeout=timeout)
+        result = run_command(argv, env=self.env(dict({"IPMI_PROBE_PASSWORD": password}, **(env or {}))),
+                             timeout=timeout)
         if result.returncode != 0:
             self.fail("ipmi_client_probe failed:\n" + result.describe())
         return result, [parse_probe_line(line) for line in result.stdout.splitlines()]
 
     def run_morvel(self, args, config=None, env=None, stdin=None, timeout=600, log_level=None, config_via="option",
-                   netns=None, wrapper=None, binary=MORVEL, measure_rss=False):
+                   netns=None, wrapper=None, binary=MORVEL, measure_rss=False, log_file=None):
         """Runs build/bin/morvel (or `binary`) with args.
 
         config: dict written to a file passed with --config (config_via="option") or
         $MORVEL_CONFIG (config_via="env"). The log goes to a file in the test's
         directory; its text is in result.files["log"]. wrapper: words run before
         the binary (and before $MORVEL_WRAPPER). measure_rss: run it under
-        peak_rss and set result.peak_rss_kib.
+        peak_rss and set result.peak_rss_kib. log_file: where the log goes, for
+        a test that reads it while the run goes on (default: a new file).
         """
-        log_file = os.path.join(self._new_dir("log"), "morvel.log")
+        log_file = log_file or os.path.join(self._new_dir("log"), "morvel.log")
         host_args = ["--log-file", log_file]
         extra = {"MORVEL_MODULE_PATH": MODULE_DIR}
         if log_level is not None:
@@ -699,4 +724,5 @@ __all__ = ["E2ETestCase", "Sim", "Netns", "UdpBlackhole", "CommandResult", "run_
            "https_request",
            "lease_port", "lease_block", "parse_probe_line", "BUILD_DIR", "build_option", "MORVEL", "MODULE_DIR", "SMM_SIM",
            "MORVEL_WRAPPER", "SYSTEM_CONFIG", "system_config_wrapper",
-           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE"]
+           "SANITIZED", "peak_rss_bound_kib", "scaled", "TIME_SCALE", "FAILING_IPMI_DIR", "HANG_GUARD",
+           "read_text"]

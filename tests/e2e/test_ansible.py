@@ -15,7 +15,12 @@ from smmsim import MODULE_DIR, MORVEL, E2ETestCase, run_command
 
 PASSWORD = "Ans1ble:sm@rt"
 ARTIFACT = os.environ.get("MORVEL_COLLECTION_ARTIFACT") or ""
-CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1"}
+# A change that never shows is polled for far longer than any run here lasts:
+# only a task's timeout ends such a run.
+CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
+          "SMM_NETWORK_CHECK_RETRY_COUNT": "1000000"}
+# A task's timeout that the change is always sent well within, however busy the machine.
+TASK_TIMEOUT = 20
 RECAP_LINE = re.compile(r"^(\S+)\s+: ok=(\d+)\s+changed=(\d+)\s+unreachable=(\d+)\s+failed=(\d+)\s+skipped=(\d+)")
 # What only reads an SMM: the network status (0xF1 with 0x00) and the address (0xC4) over IPMI, GET over Redfish.
 IPMI_READS = {("f1", "00")}
@@ -285,7 +290,7 @@ class Options(AnsibleCase):
         with open(os.path.join(host_vars, "smm00.yml"), "w", encoding="utf-8") as f:
             f.write("smm_protocol: ipmi\n")
         with open(os.path.join(host_vars, "smm01.yml"), "w", encoding="utf-8") as f:
-            f.write("smm_timeout: 3\n")
+            f.write("smm_timeout: %d\n" % TASK_TIMEOUT)
         tasks = SMMLAN + '''\
     protocol: "{{ smm_protocol | default(omit) }}"
     timeout: "{{ smm_timeout | default(omit) }}"
@@ -301,7 +306,8 @@ class Options(AnsibleCase):
         self.assertEqual((rows["smm00"]["result"]["protocol"], rows["smm00"]["result"]["commands"]), ("ipmi", ["enable"]))
         # The second SMM got its change, never showed it; morvel was stopped at the limit and said what it had done.
         failed = rows["smm01"]["result"]
-        self.assertEqual((failed["msg"], failed["changed"]), ("morvel smmlan enable did not end within 3 s", True))
+        self.assertEqual((failed["msg"], failed["changed"]),
+                         ("morvel smmlan enable did not end within %d s" % TASK_TIMEOUT, True))
         self.assertEqual((failed["record"]["interrupted"], failed["record"]["change_sent"]), (True, True))
         self.assertIn(("f1", "01"), sims[1].ipmi_requests())
 

@@ -8,8 +8,8 @@ result when the SMM comes back, "13 Connection failed." (or another documented
 result) when the network eats too much, and the IPMI fallback whenever the
 Redfish support probe fails. ctest runs this module with the label `faults`.
 
-MORVEL_E2E_TIME_SCALE (default 1) stretches every time bound, for runs under
-valgrind (scripts/valgrind).
+MORVEL_E2E_TIME_SCALE (default 1) stretches the session time-outs that a
+working session start must never meet, for runs under valgrind (scripts/valgrind).
 """
 
 import atexit
@@ -27,7 +27,7 @@ import threading
 import time
 import unittest
 
-from smmsim import E2ETestCase, peak_rss_bound_kib, run_command, scaled
+from smmsim import HANG_GUARD, E2ETestCase, peak_rss_bound_kib, read_text, run_command, scaled
 
 # ipmi_sim grants the administrator privilege to FreeIPMI only with this workaround.
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
@@ -242,12 +242,12 @@ def short_reply(server, connection):
 
 
 def drip(server, connection):
-    """Headers, then one body byte a second, for at most 100 s."""
+    """Headers, then one body byte a second: the body would take over an hour."""
     with server.tls(connection) as stream:
         server.read_request(stream)
-        body = vendor_body() + b" " * 1000
+        body = vendor_body() + b" " * 4000
         stream.sendall(b"HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: %d\r\n\r\n" % len(body))
-        for i in range(100):
+        for i in range(len(body)):
             if server.stopping.wait(1):
                 return
             stream.sendall(body[i:i + 1])
@@ -402,35 +402,35 @@ class FaultCase(E2ETestCase):
         self.assertEqual((result.stdout, result.stderr, result.returncode), (stdout, stderr, returncode),
                          result.describe())
 
-    def assertIpmiFallback(self, sim, result, max_seconds):
+    def assertIpmiFallback(self, sim, result):
         """The probe failed, the command went to IPMI and the query succeeded there."""
         self.assertRun(result, 0, IPMI_QUERY_OK)
         self.assertEqual(sim.ipmi_requests(), [STATUS_READ, ADDRESS_READ])
         self.assertEqual(traces(result.files["log"], PASSED_ON), [PASSED_ON])
-        self.assertLess(result.elapsed, scaled(max_seconds), result.describe())
 
 
 class SmmReboot(FaultCase):
     def test_enable_survives_a_reboot_during_the_status_polling(self):
         delay_reads = 6
         sim = self.start_sim(INITIAL_STATUS=2, REDFISH="off", STATUS_DELAY_READS=delay_reads)
-        config = {"IPMI_SESSION_TIMEOUT_MS": "1500"}
+        # Polls that fail while the SMM is off use up checks: enough of them that none runs out.
+        config = {"IPMI_SESSION_TIMEOUT_MS": "1500", "SMM_NETWORK_CHECK_RETRY_COUNT": "1000"}
+        log_file = os.path.join(self.tmp, "reboot.log")
         outcome = {}
         runner = threading.Thread(target=lambda: outcome.setdefault(
             "result", self.run_morvel(["smmlan", "enable", "--bmc", sim.bmc()], config=dict(CONFIG, **config),
-                                      log_level=4, timeout=300)))
+                                      log_level=4, timeout=HANG_GUARD, log_file=log_file)))
         runner.start()
         try:
             # Power off after the second poll's read: the pre-read and the switch come first.
-            deadline = time.monotonic() + scaled(30)
-            while sim.ipmi_requests().count(STATUS_READ) < 3 and time.monotonic() < deadline:
-                time.sleep(0.02)
+            self.wait_for(lambda: sim.ipmi_requests().count(STATUS_READ) >= 3, "the second poll")
             self.assertEqual(sim.ipmi_requests(), [STATUS_READ, ("f1", "01"), STATUS_READ, STATUS_READ])
             sim.kill()
-            time.sleep(3)
+            # Off until a poll has failed on it, however long that takes.
+            self.wait_for(lambda: errors(read_text(log_file)), "a poll failing while the SMM is off")
             sim.restart()
         finally:
-            runner.join(scaled(120))
+            runner.join(HANG_GUARD)
         self.assertFalse(runner.is_alive())
         result = outcome["result"]
 
@@ -478,14 +478,15 @@ class PacketLoss(FaultCase):
                                         "34", "-m", "statistic", "--mode", "nth", "--every", "2", "--packet", "0",
                                         "-j", "DROP"]), env=dict(os.environ), timeout=30)
         self.assertEqual(added.returncode, 0, added.describe())
-        result = self.query(sim, config={"IPMI_SESSION_TIMEOUT_MS": "2000", "IPMI_RETRANSMISSION_TIMEOUT_MS": "250"},
-                            netns=netns)
+        # A lost RAKP 4 shows only as the session time-out; a session start that goes
+        # through must never meet it, so it grows with the time scale (valgrind).
+        result = self.query(sim, config={"IPMI_SESSION_TIMEOUT_MS": str(int(scaled(2) * 1000)),
+                                         "IPMI_RETRANSMISSION_TIMEOUT_MS": "250"}, netns=netns)
         self.assertRun(result, 0, IPMI_QUERY_OK)
         # Both sessions lost their first RAKP 4 and started again.
         self.assertEqual(errors(result.files["log"]),
                          ["IPMI session start failed (attempt 1 of 3): session timeout"] * 2)
         self.assertEqual(sim.ipmi_requests(), [STATUS_READ, ADDRESS_READ])
-        self.assertLess(result.elapsed, scaled(2 * 2 + 3))
 
     def test_20_percent_each_way_leaves_at_least_97_of_100_queries(self):
         netns = self.netns()
@@ -512,8 +513,6 @@ class PacketLoss(FaultCase):
                          "answers repeated, longest %.1f s, wall %.0f s\n"
                          % (len(ok), len(full), relay.repeated, max(r.elapsed for r in results), wall))
         self.assertGreaterEqual(len(ok), 97)
-        for result in results:
-            self.assertLess(result.elapsed, scaled(22), result.describe())
 
     def test_60_percent_each_way_fails_cleanly_within_bounds(self):
         netns = self.netns()
@@ -523,14 +522,12 @@ class PacketLoss(FaultCase):
         results = self.runs(20, sim, netns)
         outcomes = {}
         for result in results:
-            # Documented results only, and each within two query exchanges of three session
-            # starts, one request and one close of 2 s each.
+            # Documented results only.
             self.assertIn((result.returncode, result.stdout, result.stderr), [
                 (0, IPMI_QUERY_OK, ""), (0, ipmi_query(address=None) + "0 Succeed.\n", ""),
                 (13, ipmi_query_failed("Connection failed."), "13 Connection failed.\n"),
                 (1, ipmi_query_failed("Generic Failure."), "1 Generic Failure.\n"),
                 (255, ipmi_query_failed(AUTH_MESSAGE), "2054 %s\n" % AUTH_MESSAGE)], result.describe())
-            self.assertLess(result.elapsed, scaled(2 * (3 + 1 + 1) * 2 + 2), result.describe())
             outcomes[result.returncode] = outcomes.get(result.returncode, 0) + 1
         self.assertTrue(sim.running())
         sys.stderr.write("\n[faults] 60%% loss each way: exit statuses %s, longest %.1f s\n"
@@ -549,44 +546,44 @@ class RedfishFaults(FaultCase):
     def test_connection_reset_during_the_probe(self):
         sim, server = self.start_pair(reset_after_client_hello)
         result = self.query(sim)
-        self.assertIpmiFallback(sim, result, 5)
+        self.assertIpmiFallback(sim, result)
         self.assertEqual((server.connections, server.requests), (1, []))
 
     def test_connection_closed_before_tls(self):
         sim, server = self.start_pair(close_at_once)
-        self.assertIpmiFallback(sim, self.query(sim), 5)
+        self.assertIpmiFallback(sim, self.query(sim))
         self.assertEqual((server.connections, server.requests), (1, []))
 
     def test_garbage_instead_of_tls(self):
         sim, server = self.start_pair(answer_garbage)
-        self.assertIpmiFallback(sim, self.query(sim), 5)
+        self.assertIpmiFallback(sim, self.query(sim))
         self.assertEqual(server.connections, 1)
 
     def test_tls_handshake_cut_off(self):
         sim, server = self.start_pair(cut_handshake)
-        self.assertIpmiFallback(sim, self.query(sim), 5)
+        self.assertIpmiFallback(sim, self.query(sim))
         self.assertEqual((server.connections, server.requests), (1, []))
 
     def test_reply_shorter_than_announced(self):
         # The bytes that did come are a supported resource: taking them would settle on Redfish.
         sim, server = self.start_pair(short_reply)
-        self.assertIpmiFallback(sim, self.query(sim), 5)
+        self.assertIpmiFallback(sim, self.query(sim))
         self.assertEqual(server.requests, [("GET", CHASSIS)])
 
     def test_one_byte_a_second_ends_at_the_60_second_request_limit(self):
         sim, server = self.start_pair(drip)
         result = self.query(sim)
-        self.assertIpmiFallback(sim, result, 66)
+        self.assertIpmiFallback(sim, result)
+        # The drip would go on for over an hour: only the limit ended it, and not before 60 s.
         self.assertGreaterEqual(result.elapsed, 59)
         self.assertEqual(server.requests, [("GET", CHASSIS)])
-        self.assertLess(server.sent, 66)
         sys.stderr.write("\n[faults] 1 byte/s: ended after %.1f s, %d body bytes\n" % (result.elapsed, server.sent))
 
     def test_endless_body_ends_at_the_body_cap(self):
         sim, server = self.start_pair(endless_chunks)
         cap = 8 << 20
         result = self.query(sim, config={"REST_MAX_BODY_BYTES": str(cap)}, measure_rss=True)
-        self.assertIpmiFallback(sim, result, 15)
+        self.assertIpmiFallback(sim, result)
         peak_kib = result.peak_rss_kib
         # The client hung up once the cap was passed, not at the 60-second limit.
         self.assertGreaterEqual(server.sent, cap - 65536)
@@ -598,9 +595,10 @@ class RedfishFaults(FaultCase):
 
     def test_503_forever_ends_after_the_startup_wait(self):
         sim, server = self.start_pair(always_503)
-        result = self.query(sim, config={"REDFISH_STARTUP_WAIT_TIME": "6"})
-        # Attempts at 0, 5 and 10 s; the one at 10 s is past the 6-second wait.
-        self.assertIpmiFallback(sim, result, 14)
+        result = self.query(sim, config={"REDFISH_STARTUP_WAIT_TIME": "9"})
+        # Attempts at 0, 5 and 10 s; the one at 10 s is past the 9-second wait, which the
+        # second attempt is well within (its check comes at 5 s and the time of two requests).
+        self.assertIpmiFallback(sim, result)
         self.assertGreaterEqual(result.elapsed, 10)
         self.assertEqual(server.requests, [("GET", CHASSIS)] * 3)
         retries = [t for level, _, t in LOG_RECORD.findall(result.files["log"]) if t.startswith("curlCode: ")]
@@ -618,11 +616,10 @@ class HostileReplies(FaultCase):
         self.assertEqual(server.requests, [("GET", CHASSIS)])
         return sim, result
 
-    def assertRedfishQuery(self, sim, result, status, address, max_seconds=5):
+    def assertRedfishQuery(self, sim, result, status, address):
         self.assertEqual((bytes_of(result.stdout), result.stderr, result.returncode),
                          (redfish_query(status, address), "", 0), result.describe())
         self.assertEqual(sim.ipmi_requests(), [])
-        self.assertLess(result.elapsed, scaled(max_seconds))
 
     def test_100000_deep_nesting_around_the_vendor_object(self):
         depth = 100000
@@ -635,7 +632,7 @@ class HostileReplies(FaultCase):
 
     def test_100000_deep_nesting_never_closed_is_not_json(self):
         sim, result = self.query_body(b'{"Oem":{"Qarvon":{"LANEnabled":true,"X":' + b"[" * 100000)
-        self.assertIpmiFallback(sim, result, 5)
+        self.assertIpmiFallback(sim, result)
 
     def test_invalid_utf8_is_printed_as_it_came(self):
         address = b"10.\xff\xfe.0.1\xc3("
@@ -648,7 +645,7 @@ class HostileReplies(FaultCase):
 
     def test_raw_nul_inside_a_string_is_not_json(self):
         sim, result = self.query_body(vendor_body(ipv4=b'"192.0.2.9\x00"'))
-        self.assertIpmiFallback(sim, result, 5)
+        self.assertIpmiFallback(sim, result)
 
     def test_raw_nul_after_the_document_hides_the_rest(self):
         sim, result = self.query_body(vendor_body() + b"\x00 garbage that is never parsed {")
@@ -674,7 +671,7 @@ class HostileReplies(FaultCase):
     def test_50_mib_body(self):
         body = b'{"Pad":"' + b"x" * (50 << 20) + b'",' + vendor_body()[1:]
         sim, result = self.query_body(body, measure_rss=True)
-        self.assertRedfishQuery(sim, result, LAN_ONLY, b"192.0.2.7", max_seconds=20)
+        self.assertRedfishQuery(sim, result, LAN_ONLY, b"192.0.2.7")
         peak_kib = result.peak_rss_kib
         # The body, the grown buffer it was read into and the parsed copy, not more.
         self.assertLess(peak_kib, peak_rss_bound_kib(256, 2048))

@@ -20,12 +20,17 @@ import unittest
 
 import jsonschema
 
-from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase, scaled
+from smmsim import HANG_GUARD, MODULE_DIR, MORVEL, MORVEL_WRAPPER, SOURCE_DIR, E2ETestCase, peak_rss_bound_kib, scaled
 
 PASSWORD = "Fl33t:pw@1"
 # Twenty SMMs at once under valgrind answer slowly: the session time-out grows with the time scale.
 CONFIG = {"IPMI_WORKAROUND_FLAGS": "opensesspriv", "SMM_NETWORK_CHECK_SLEEP_TIME": "1",
           "IPMI_SESSION_TIMEOUT_MS": str(int(scaled(2) * 1000))}
+# Runs that a signal ends: no dead SMM to time out, and a change that never
+# shows is waited for a day (status checks a day apart, a million of them),
+# so nothing but the signal can end the waits, however slow the machine.
+WAIT_FOR_THE_SIGNAL = dict(CONFIG, IPMI_SESSION_TIMEOUT_MS="600000", SMM_NETWORK_CHECK_SLEEP_TIME="86400",
+                           SMM_NETWORK_CHECK_RETRY_COUNT="1000000")
 SCHEMA_PATH = os.path.join(SOURCE_DIR, "doc", "smmlan-records.schema.json")
 with open(SCHEMA_PATH, encoding="utf-8") as schema_file:
     VALIDATOR = jsonschema.Draft202012Validator(json.load(schema_file))
@@ -76,10 +81,10 @@ def comparable(record):
 
 
 class FleetCase(E2ETestCase):
-    def fleet(self, args, stdin=None, env=None, config=None, timeout=300):
+    def fleet(self, args, stdin=None, env=None, config=None, timeout=300, measure_rss=False):
         result = self.run_morvel(["smmlan"] + list(args), config=dict(CONFIG, **(config or {})), log_level=4,
                                  env=dict({"MORVEL_BMC_PASSWORD": PASSWORD}, **(env or {})), stdin=stdin,
-                                 timeout=timeout)
+                                 timeout=timeout, measure_rss=measure_rss)
         for text in (result.stdout, result.stderr, result.files["log"]):
             self.assertNotIn(PASSWORD, text)
             self.assertNotIn("Fl33t", text)
@@ -173,6 +178,17 @@ class TextOutput(FleetCase):
                 result = self.fleet(["query"] + args)
                 self.assertEqual((result.returncode, result.stdout, result.stderr), (5, "", message + "\n"))
         self.assertEqual((sim.redfish_requests(), sim.ipmi_requests()), ([], []))
+
+    def test_ten_million_hosts_in_one_range_are_refused_before_they_are_expanded(self):
+        # A hundred spans of 100000 in one group: counted, never written out (that took 534 MB).
+        item = "h[%s]" % ",".join(["0-99999"] * 100)
+        result = self.fleet(["query", "--bmc", "admin@" + item], measure_rss=True)
+        self.assertEqual((result.returncode, result.stdout, result.stderr),
+                         (5, "", "morvel: --bmc: '%s': more than 100000 targets after expansion\n" % item))
+        # Under valgrind or AddressSanitizer the figure includes their own memory.
+        self.assertLess(result.peak_rss_kib, peak_rss_bound_kib(20, 512))
+        sys.stderr.write("\n[fleet] 10,000,000 hosts in one range refused: peak RSS %.1f MiB\n"
+                         % (result.peak_rss_kib / 1024))
 
     def test_unknown_subcommand_of_a_fleet_is_refused_at_once(self):
         sims = self.start_sims([{"PASSWORD": PASSWORD}] * 2)
@@ -269,6 +285,34 @@ class JsonOutput(FleetCase):
         self.assertEqual([s.state()["STATUS"] for s in sims], [1, 1])
         self.assertEqual((summary["succeeded"], summary["failed"]), (2, 0))
 
+    def test_a_change_the_smm_refuses_was_still_sent(self):
+        # One refuses the address method and the network switch, the other the address method (its network is on).
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "INITIAL_STATUS": 2, "REDFISH": "off", "CC": "F3:C1,F1.01:C1"},
+                                {"PASSWORD": PASSWORD, "INITIAL_STATUS": 1, "REDFISH": "off", "CC": "F3:C1"}])
+        result = self.fleet(["enable", "--method", "dhcp", "--output", "json",
+                             "--bmc", "admin@%s,%s" % (sims[0].address, sims[1].address)])
+        self.assertEqual((result.returncode, result.stderr), (1, ""), result.describe())
+        rows, summary = records(result.stdout)
+        got = {r["target"]: (r["code"], r["ok"], r["change_sent"], r["state"]["network"], r["console"]) for r in rows}
+        self.assertEqual(got, {
+            sims[0].address: (1, False, True, "disabled",
+                              [ENABLE_BANNER, "", "Enable SMM network failed.", "    Error msg: Generic Failure.", "",
+                               ENABLE_BANNER]),
+            sims[1].address: (0, True, True, "enabled",
+                              [ENABLE_BANNER, "", "Enable SMM network succeeded",
+                               "Sleep 10 seconds more to let SMM network up", "SMM IP: 192.0.2.100", "",
+                               ENABLE_BANNER])})
+        self.assertEqual(summary["failed_by_code"], {"1": [sims[0].address]})
+        # Every change request went out and was refused: nothing changed.
+        self.assertEqual(self.changes(sims[0]), [("f3", "02", "c1"), ("f1", "01", "c1")])
+        self.assertEqual(self.changes(sims[1]), [("f3", "02", "c1")])
+        self.assertEqual([s.state()["STATUS"] for s in sims], [2, 1])
+
+    def changes(self, sim):
+        """(cmd, data, completion code) of every request that is no status or address read."""
+        return [(r["cmd"], r["data"], r["cc"]) for r in sim.records("ipmi")
+                if (r["cmd"], r["data"]) != ("f1", "00") and r["cmd"] != "c4"]
+
 
 class TableOutput(FleetCase):
     def test_a_mixed_fleet_at_a_glance_in_the_order_given(self):
@@ -306,27 +350,26 @@ class Interrupt(FleetCase):
         sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "INITIAL_STATUS": 2,
                                  "STATUS_DELAY_READS": 1000}] * count)
         log = os.path.join(self.tmp, "interrupt.log")
-        config = self.write_config(CONFIG)
+        config = self.write_config(WAIT_FOR_THE_SIGNAL)
         argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log, "--log-level", "4", "--config", config, "smmlan", "enable",
                                  "--bmc", "admin@" + ",".join(s.address for s in sims)]
         process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        # Every SMM got its change and is being polled.
-        deadline = time.monotonic() + scaled(60)
-        while not all(("f1", "01") in s.ipmi_requests() for s in sims):
-            self.assertLess(time.monotonic(), deadline, "not every SMM got its change")
-            self.assertIsNone(process.poll())
-            time.sleep(0.1)
+        # Every SMM got its change: from then on it polls, a day apart, until the signal.
+        self.wait_for(lambda: process.poll() is not None or all(("f1", "01") in s.ipmi_requests() for s in sims),
+                      "every SMM to get its change")
+        self.assertIsNone(process.poll())
         sent = time.monotonic()
         process.send_signal(sig)
-        stdout, stderr = process.communicate(timeout=scaled(60))
+        # A day's sleep that the signal did not wake would run into this guard.
+        stdout, stderr = process.communicate(timeout=HANG_GUARD)
         return sims, process.returncode, stdout.decode(), stderr.decode(), time.monotonic() - sent
 
     def test_sigint_during_the_polling_of_ten_smms(self):
         sims, status, stdout, stderr, took = self.start_polling_enable(10, signal.SIGINT)
         self.assertEqual(status, 130, stderr)
-        # Polls and their sleeps wake at once; a session start under way may finish first.
-        self.assertLess(took, scaled(5))
+        # Polls and their day-long sleeps woke at the signal; a session start under way may finish first.
+        sys.stderr.write("\n[fleet] SIGINT to ten polling SMMs: ended %.2f s after the signal\n" % took)
         labels = [s.address for s in sims]
         line = "interrupted after a change was sent; the SMM's state is unconfirmed"
         self.assertEqual(blocks(stderr), {label: [line] for label in labels})
@@ -340,19 +383,17 @@ class Interrupt(FleetCase):
     def test_sigterm_during_a_canary_ends_with_143_and_json_records(self):
         sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "INITIAL_STATUS": 2,
                                  "STATUS_DELAY_READS": 1000}] * 3)
-        # The canary's wait cannot run out before the signal, however slow the machine.
-        config = self.write_config(dict(CONFIG, SMM_NETWORK_CHECK_RETRY_COUNT="100000"))
+        config = self.write_config(WAIT_FOR_THE_SIGNAL)
         argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config", config, "smmlan",
                                  "enable", "--output", "json", "--canary", "1",
                                  "--bmc", "admin@" + ",".join(s.address for s in sims)]
         process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
                                    stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        deadline = time.monotonic() + 60
-        while ("f1", "01") not in sims[0].ipmi_requests():
-            self.assertLess(time.monotonic(), deadline)
-            time.sleep(0.1)
+        self.wait_for(lambda: process.poll() is not None or ("f1", "01") in sims[0].ipmi_requests(),
+                      "the first SMM to get its change")
+        self.assertIsNone(process.poll())
         process.send_signal(signal.SIGTERM)
-        stdout, stderr = process.communicate(timeout=60)
+        stdout, stderr = process.communicate(timeout=HANG_GUARD)
         self.assertEqual((process.returncode, stderr), (143, b""))
         rows, summary = records(stdout.decode())
         self.assertEqual([(r["target"], r["interrupted"], r["change_sent"], r["code"]) for r in rows],
@@ -374,7 +415,7 @@ class Progress(FleetCase):
         os.close(other)
         terminal = b""
         while True:
-            ready, _, _ = select.select([main], [], [], 60)
+            ready, _, _ = select.select([main], [], [], HANG_GUARD)
             self.assertTrue(ready, "no progress on the terminal")
             try:
                 chunk = os.read(main, 4096)
@@ -386,12 +427,17 @@ class Progress(FleetCase):
         os.close(main)
         stdout = process.stdout.read().decode()
         process.stdout.close()
-        self.assertEqual(process.wait(30), 0)
+        self.assertEqual(process.wait(HANG_GUARD), 0)
         text = terminal.decode()
-        drawn = re.findall(r"\r\x1b\[K(smmlan disable: \d/2 done, \d failed, \d running, \d:\d\d elapsed)", text)
-        self.assertIn("smmlan disable: 0/2 done, 0 failed, 2 running, 0:00 elapsed", drawn)
-        self.assertTrue(set(drawn) <= {"smmlan disable: %d/2 done, 0 failed, %d running, 0:0%d elapsed" % (d, 2 - d, s)
-                                       for d in range(3) for s in range(10)}, drawn)
+        drawn = re.findall(r"\r\x1b\[K(smmlan disable: \d/2 done, \d failed, \d running), (\d+:\d\d) elapsed", text)
+        counts = [count for count, _ in drawn]
+        # Each SMM polls for two seconds at least: the line shows both running at some point.
+        self.assertIn("smmlan disable: 0/2 done, 0 failed, 2 running", counts)
+        self.assertTrue(set(counts) <= {"smmlan disable: %d/2 done, 0 failed, %d running" % (d, r)
+                                        for d in range(3) for r in range(3 - d)}, counts)
+        # The clock only goes forward (how far depends on the machine).
+        seconds = [int(m) * 60 + int(s) for m, s in (clock.split(":") for _, clock in drawn)]
+        self.assertEqual(seconds, sorted(seconds))
         # Removed at the end: the terminal is left with an empty line.
         self.assertTrue(text.endswith("\r\x1b[K"), repr(text[-80:]))
         self.assertTrue(stdout.endswith("smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n"))

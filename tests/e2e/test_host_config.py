@@ -9,12 +9,29 @@ system file's folder replaced in a private mount namespace
 """
 
 import os
+import pwd
 import re
 import unittest
 
-from smmsim import MORVEL, MODULE_DIR, SYSTEM_CONFIG, E2ETestCase, run_command, system_config_wrapper
+from smmsim import (MORVEL, MORVEL_WRAPPER, MODULE_DIR, SYSTEM_CONFIG, E2ETestCase, run_command,
+                    system_config_wrapper)
 
 PASSWORD = "pw:Cfg@e2e"
+KNOWN_LINE = re.compile(r"^(\S+) (sha256//[A-Za-z0-9+/]{43}=) (\d{4}-\d\d-\d\dT\d\d:\d\d:\d\dZ)\n$")
+REDFISH_QUERY = ("************Query Result************\n\nQuery SMM network status succeeded\n"
+                 "    Status: SMM network over LAN enabled and IPMI over LAN disabled\n    SMM IP: 192.0.2.100\n\n"
+                 "************Query Result************\n\n0 Succeed.\n")
+
+# Runs "$@" with an overlay over the folder $1 whose upper layer is $2 (work
+# folder $3): the run reads that folder as it is and writes only into $2. The
+# morvel folders of the upper layer are opaque, so none of the machine's own
+# morvel files under it take part.
+_OVERLAY_SCRIPT = r"""set -e
+folder=$1 upper=$2 work=$3
+shift 3
+mount -t overlay morvel-e2e-home -o "lowerdir=$folder,upperdir=$upper,workdir=$work" "$folder"
+exec "$@"
+"""
 # ipmi_sim refuses the session without this workaround (README of the harness):
 # whether a level's file was read shows in whether the run gets through.
 WORKAROUND = "IPMI_WORKAROUND_FLAGS=opensesspriv\n"
@@ -331,6 +348,34 @@ class HostConfig(E2ETestCase):
         # Readable again: read.
         os.chmod(os.path.join(self.system, os.path.basename(SYSTEM_CONFIG)), 0o644)
         self.assertOutcome(run(["--show-config"]), 0, shown({}, [("A", "1", SYSTEM_CONFIG, 1)]), "")
+
+    def test_without_home_every_file_is_under_the_password_databases_home(self):
+        """HOME and the XDG variables unset: the configuration, the log and a tofu pin all use the home of the
+        user's entry in the password database (this machine's own, so an overlay takes every write)."""
+        home = pwd.getpwuid(os.getuid()).pw_dir
+        upper, work = self._new_dir("home-upper"), self._new_dir("home-work")
+        for folder in (".config/morvel", ".local/state/morvel"):
+            os.makedirs(os.path.join(upper, folder))
+            os.setxattr(os.path.join(upper, folder), "trusted.overlay.opaque", b"y")
+        config = self.write(os.path.join(upper, ".config", "morvel", "morvel.conf"), "REDFISH_TLS_VERIFY=tofu\n")
+        sim = self.start_sim(PASSWORD=PASSWORD)
+        overlay = ["/bin/sh", "-c", _OVERLAY_SCRIPT, "morvel-home", home, upper, work]
+        env = {"PATH": "/usr/bin:/bin", "MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}
+        argv = (system_config_wrapper(self.system, self.scratch) + overlay + MORVEL_WRAPPER +
+                [MORVEL, "--log-level", "4", "smmlan", "query", "--bmc", "admin@" + sim.address])
+        result = run_command(argv, env=env)
+        self.assertOutcome(result, 0, REDFISH_QUERY, "")
+        state = os.path.join(upper, ".local", "state", "morvel")
+        self.assertEqual(sorted(os.listdir(state)), ["known_smms", "known_smms.lock", "morvel.log"])
+        with open(os.path.join(state, "known_smms"), encoding="ascii") as f:
+            lines = f.readlines()
+        self.assertEqual([KNOWN_LINE.match(line).group(1) for line in lines], [sim.address], lines)
+        with open(os.path.join(state, "morvel.log"), encoding="utf-8") as f:
+            records = log_records(f.read())
+        self.assertIn(("INFO", "src/cli/Host", "configuration read from %s/.config/morvel/morvel.conf" % home), records)
+        # The configuration was read where the run saw it: the file kept in the upper layer.
+        self.assertEqual(os.listdir(os.path.dirname(config)), ["morvel.conf"])
+        self.assertEqual([r[:2] for r in sim.redfish_requests()], [("GET", "/redfish/v1/Chassis/2")])
 
     def test_harness_hides_a_system_file(self):
         """The other suites' runs (run_morvel without a config) never see a system file."""

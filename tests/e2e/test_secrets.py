@@ -5,11 +5,14 @@ base64("user:password") of Basic authentication.
 
 Each source (MORVEL_BMC_PASSWORD, --password-file, the no-echo prompt on a
 pseudo-terminal, --bmc USER:PASSWORD@HOST) drives a slow IPMI disable (status
-polling) while /proc/PID/cmdline is sampled, and a Redfish enable (Basic
-authentication), both at log level 4.
+polling) and a Redfish enable (Basic authentication), both at log level 4,
+while /proc/PID/cmdline is sampled. One sample is taken at a point the test
+holds morvel at: its configuration file is a named pipe, and morvel, past
+its start, waits in its read until the test has sampled and written it.
 """
 
 import base64
+import errno
 import fcntl
 import os
 import select
@@ -18,7 +21,7 @@ import termios
 import time
 import unittest
 
-from smmsim import MODULE_DIR, MORVEL, MORVEL_WRAPPER, TIME_SCALE, E2ETestCase
+from smmsim import HANG_GUARD, MODULE_DIR, MORVEL, MORVEL_WRAPPER, E2ETestCase
 
 USER = "admin"
 # ':' and '@' inside: --bmc takes the user up to the first ':' and the host after the last '@'.
@@ -46,11 +49,14 @@ def take_terminal():
 class Run:
     """One morvel process: its exit status, output, log text and the /proc/PID/cmdline samples taken."""
 
-    def __init__(self, process, log_file, started):
+    def __init__(self, process, log_file, started, config_pipe, config_text):
         self.process = process
         self.log_file = log_file
         self.started = started
+        self.config_pipe = config_pipe
+        self.config_text = config_text
         self.samples = []  # (seconds since start, cmdline bytes)
+        self.held = None  # the sample taken while morvel waited for its configuration
         self.terminal_output = b""
 
     def sample(self):
@@ -58,9 +64,30 @@ class Run:
             with open("/proc/%d/cmdline" % self.process.pid, "rb") as f:
                 data = f.read()
         except OSError:
-            return
-        if data:  # empty once the process has ended
-            self.samples.append((time.monotonic() - self.started, data))
+            return None
+        if not data:  # empty once the process has ended
+            return None
+        self.samples.append((time.monotonic() - self.started, data))
+        return self.samples[-1]
+
+    def hand_over_the_configuration(self):
+        """Once morvel reads its configuration pipe: samples its command line, then writes the configuration.
+
+        False while morvel has not opened the pipe yet."""
+        try:
+            fd = os.open(self.config_pipe, os.O_WRONLY | os.O_NONBLOCK)
+        except OSError as error:
+            if error.errno == errno.ENXIO:  # no reader yet
+                return False
+            raise
+        try:
+            # Morvel is blocked in its read until the text below arrives: alive, and long past its start.
+            self.held = self.sample()
+            os.set_blocking(fd, True)
+            os.write(fd, self.config_text.encode())
+        finally:
+            os.close(fd)
+        return True
 
     def finish(self, timeout):
         stdout, stderr = self.process.communicate(timeout=timeout)
@@ -88,8 +115,10 @@ class SecretsCase(E2ETestCase):
 
     def launch(self, args, env=None, terminal=None):
         log_file = os.path.join(self._new_dir("log"), "morvel.log")
+        config_pipe = os.path.join(self._new_dir("config"), "morvel.conf")
+        os.mkfifo(config_pipe, 0o600)
         argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log_file, "--log-level", "4",
-                                 "--config", self.write_config(CONFIG)] + list(args)
+                                 "--config", config_pipe] + list(args)
         environment = self.env(dict({"MORVEL_MODULE_PATH": MODULE_DIR}, **(env or {})))
         options = {"stdout": subprocess.PIPE, "stderr": subprocess.PIPE, "env": environment}
         if terminal is None:
@@ -97,14 +126,19 @@ class SecretsCase(E2ETestCase):
         else:
             options.update(stdin=terminal, start_new_session=True, preexec_fn=take_terminal)
         started = time.monotonic()
-        return Run(subprocess.Popen(argv, **options), log_file, started)
+        config_text = "".join("%s=%s\n" % item for item in CONFIG.items())
+        return Run(subprocess.Popen(argv, **options), log_file, started, config_pipe, config_text)
 
-    def watch(self, run, timeout=60, master=None, answer=None):
-        """Samples /proc/PID/cmdline every 10 ms until the process ends; types `answer` at the prompt."""
-        deadline = time.monotonic() + timeout * TIME_SCALE
+    def watch(self, run, master=None, answer=None):
+        """Samples /proc/PID/cmdline every 10 ms until the process ends; hands over its configuration when it
+        reads it; types `answer` at the prompt."""
+        deadline = time.monotonic() + HANG_GUARD
         typed = answer is None
+        handed = False
         while run.process.poll() is None and time.monotonic() < deadline:
             run.sample()
+            if not handed:
+                handed = run.hand_over_the_configuration()
             if master is not None:
                 readable, _, _ = select.select([master], [], [], 0.01)
                 if readable:
@@ -170,10 +204,11 @@ class SecretsCase(E2ETestCase):
                 self.assertNotIn(TOKEN, text)
                 self.assertNotIn(PASSWORD.encode().hex(), text)
 
-    def assertSampledWhilePolling(self, disable):
-        # The disable polls for about DELAY_READS seconds: many samples, the last ones during the polling.
-        self.assertGreater(len(disable.samples), 50)
-        self.assertGreater(disable.samples[-1][0], DELAY_READS - 0.5)
+    def assertSampledOnceStarted(self, *runs):
+        # Sampled while morvel waited for its configuration, past its start (besides whatever else was caught).
+        for run in runs:
+            self.assertIsNotNone(run.held, run.describe())
+            self.assertIn(run.held, run.samples)
 
 
 class PasswordSources(SecretsCase):
@@ -181,7 +216,7 @@ class PasswordSources(SecretsCase):
         disable, enable = self.run_both(USER, env={"MORVEL_BMC_PASSWORD": PASSWORD})
         self.assertCommandsWorked(disable, enable)
         self.assertNowhere(disable, enable)
-        self.assertSampledWhilePolling(disable)
+        self.assertSampledOnceStarted(disable, enable)
         self.assertIn("password from MORVEL_BMC_PASSWORD", disable.log)
 
     def test_password_file_0600(self):
@@ -192,7 +227,7 @@ class PasswordSources(SecretsCase):
         disable, enable = self.run_both(USER, extra=["--password-file", path])
         self.assertCommandsWorked(disable, enable)  # no warning: standard error is empty
         self.assertNowhere(disable, enable)
-        self.assertSampledWhilePolling(disable)
+        self.assertSampledOnceStarted(disable, enable)
         self.assertIn("password from the password file", disable.log)
 
     def test_password_file_0644_warns(self):
@@ -215,7 +250,7 @@ class PasswordSources(SecretsCase):
         self.assertEqual(disable.terminal_output, b"Password: \r\n")
         self.assertEqual(enable.terminal_output, b"Password: \r\n")
         self.assertNowhere(disable, enable)
-        self.assertSampledWhilePolling(disable)
+        self.assertSampledOnceStarted(disable, enable)
         self.assertIn("password from the terminal", disable.log)
 
 
@@ -227,18 +262,15 @@ class CommandLineScrub(SecretsCase):
             for text in (run.stdout, run.stderr, run.log):
                 self.assertNotIn(PASSWORD, text)
                 self.assertNotIn(TOKEN, text)
-            shown = [(t, data) for t, data in run.samples if PASSWORD.encode() in data]
-            hidden = [(t, data) for t, data in run.samples if PASSWORD.encode() not in data]
-            # Only samples from the first moments may show it (before main() scrubs argv); none after.
-            self.assertTrue(hidden, run.describe())
-            if shown:
-                self.assertLess(shown[-1][0], hidden[0][0])
-                self.assertLess(shown[-1][0], 0.5 * TIME_SCALE)
+            self.assertSampledOnceStarted(run)
+            # Only samples from before the held one may show it (taken before main() scrubs argv); none after.
+            shown = [t for t, data in run.samples if PASSWORD.encode() in data]
+            self.assertTrue(all(t < run.held[0] for t in shown), run.describe())
             # What is left in the --bmc word: the user, one '*' and the target.
             address = run.sim.address.encode()
-            self.assertEqual([a for a in hidden[-1][1].split(b"\0") if a.endswith(address)],
-                             [b"%s:*@%s" % (USER.encode(), address)])
-        self.assertSampledWhilePolling(disable)
+            for _, data in [run.held, run.samples[-1]]:
+                self.assertEqual([a for a in data.split(b"\0") if a.endswith(address)],
+                                 [b"%s:*@%s" % (USER.encode(), address)])
 
 
 if __name__ == "__main__":

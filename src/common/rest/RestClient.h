@@ -38,30 +38,33 @@ public:
     RestClient(const RestClient&) = delete;
     RestClient& operator=(const RestClient&) = delete;
 
-    void SetCredentials(const std::string& username, const std::string& password) override;
-    void SetTimeout(int32_t seconds) override;
-    void SetInsecure(bool insecure) override;
-    void SetDisableExpect(bool disable) override;
-    void SetFollowRedirects(bool follow, int32_t maxRedirects) override;
-    void SetCaInfo(const std::string& path) override;
-    void SetProxy(const std::string& url, const std::string& username, const std::string& password) override;
+    // Settings: kept in fields, applied by every request (Perform), in libcurl's terms.
+    void SetCredentials(const std::string& username, const std::string& password) override;  // Basic authentication
+    void SetTimeout(int32_t seconds) override;  // CURLOPT_TIMEOUT; below 0, a 60-second low-speed limit
+    void SetInsecure(bool insecure) override;  // no peer or host name check, unless a CA file is set
+    void SetDisableExpect(bool disable) override;  // an empty "Expect:": no 100-continue
+    void SetFollowRedirects(bool follow, int32_t maxRedirects) override;  // CURLOPT_FOLLOWLOCATION, MAXREDIRS
+    void SetCaInfo(const std::string& path) override;  // CURLOPT_CAINFO
+    void SetProxy(const std::string& url, const std::string& username,
+                  const std::string& password) override;  // a CONNECT tunnel; "http://" added to a bare address
     void SetHeaders(HeaderMap headers) override;
     HeaderMap GetHeaders() override;
     std::string& SetHeader(const std::string& name, const std::string& value) override;
-    int32_t EnableGzip() override;
+    int32_t EnableGzip() override;  // CURLOPT_ACCEPT_ENCODING "gzip"
 
-    Response Request(RequestType type, const std::string& url, const std::string& body) override;
+    // Requests: the method's own options, then Perform.
+    Response Request(RequestType type, const std::string& url, const std::string& body) override;  // never DELETE
     Response Get(const std::string& url) override;
     Response PostMime(const std::string& url, const MimeParts& parts, ProgressCallback progress) override;
-    Response Post(const std::string& url, std::istream& body) override;
-    Response Post(const std::string& url, const std::string& body) override;
-    Response Put(const std::string& url, std::istream& body) override;
-    Response Put(const std::string& url, const std::string& body) override;
-    Response Patch(const std::string& url, std::istream& body) override;
+    Response Post(const std::string& url, std::istream& body) override;  // the stream read as it is sent
+    Response Post(const std::string& url, const std::string& body) override;  // CURLOPT_POSTFIELDS
+    Response Put(const std::string& url, std::istream& body) override;  // an upload of the stream
+    Response Put(const std::string& url, const std::string& body) override;  // an upload of the text
+    Response Patch(const std::string& url, std::istream& body) override;  // an upload named PATCH
     Response Patch(const std::string& url, const std::string& body) override;
     Response Delete(const std::string& url) override;
-    Response Head(const std::string& url) override;
-    Response Options(const std::string& url) override;
+    Response Head(const std::string& url) override;  // no body read
+    Response Options(const std::string& url) override;  // no body read
 
     int32_t ClassifyResponse(const Response& response) const override;
 

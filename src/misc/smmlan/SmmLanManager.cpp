@@ -83,6 +83,8 @@ void ReportFailure(const char* failedLine, int32_t result) {
     ConsoleReport(3, kSource, __LINE__).Stream() << "    Error msg: " << GetResultMessage(result);
 }
 
+const char* const kEnableBanner = "************Enable Result************";
+
 }  // namespace
 
 SmmLanManager::SmmLanManager(Plexum::IpmiClient* client, SleepFunction sleep)
@@ -119,9 +121,11 @@ void SmmLanManager::SendAndClose(uint8_t command, std::vector<uint8_t> data, Rep
     m_client->Close();
 }
 
-int32_t SmmLanManager::Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply) {
+int32_t SmmLanManager::Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply, Effect effect) {
     const int32_t opened = OpenResult(m_client->Open());
     if (!IsSuccess(opened)) return opened;
+    // Whatever comes back, even a refusal or nothing at all, the change went out.
+    if (effect == Effect::Change) Plexum::RunContext::Current().NoteChangeSent();
     SendAndClose(command, std::move(data), reply);
     return RESULT_SUCCEED;
 }
@@ -188,15 +192,26 @@ int32_t SmmLanManager::SetIpObtainMethod(IpObtainMethod method) {
     }
     PLEXUM_LOG(3, kSource, __LINE__) << "Start to set ip obtained method.";
     Reply reply;
-    const int32_t opened = Exchange(kIpObtainMethodCommand, {static_cast<uint8_t>(method)}, reply);
+    const int32_t opened = Exchange(kIpObtainMethodCommand, {static_cast<uint8_t>(method)}, reply, Effect::Change);
     if (!IsSuccess(opened)) return opened;
-    if (reply.completionCode == 0) Plexum::RunContext::Current().NoteChangeSent();
     // A refused method is only logged: the network goes on with the SMM's own.
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Failed to set smm lan method";
     }
     PLEXUM_LOG(3, kSource, __LINE__) << "set ip obtained method succeed.";
     return RESULT_SUCCEED;
+}
+
+int32_t SmmLanManager::ReportResult(const ResultBlock& block, int32_t result, const std::function<void()>& succeeded) {
+    ConsoleReport(3, kSource, __LINE__).Stream() << block.banner << '\n';
+    if (!IsSuccess(result)) {
+        ReportFailure(block.failedLine, result);
+    } else {
+        succeeded();
+    }
+    ConsoleReport(3, kSource, __LINE__).Stream() << '\n' << block.banner;
+    PLEXUM_LOG(4, kSource, __LINE__) << "Exiting  " << block.operation;
+    return result;
 }
 
 int32_t SmmLanManager::WaitForStatus(SmmLanStatus wanted, const WaitTexts& texts) {
@@ -233,14 +248,14 @@ int32_t SmmLanManager::SetLanStatus(SmmLanStatus wanted) {
 
     const bool enable = wanted == SMM_LAN_ENABLED;
     Reply reply;
-    const int32_t opened = Exchange(kLanStatusCommand, {static_cast<uint8_t>(enable ? 0x01 : 0x02)}, reply);
+    const int32_t opened =
+        Exchange(kLanStatusCommand, {static_cast<uint8_t>(enable ? 0x01 : 0x02)}, reply, Effect::Change);
     if (!IsSuccess(opened)) return opened;
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Execute ipmi command to set smm network status to "
                                          << static_cast<uint32_t>(wanted) << " failed";
         return RESULT_GENERIC_FAILURE;
     }
-    Plexum::RunContext::Current().NoteChangeSent();
     const std::string action = enable ? "enable" : "disable";
     ConsoleReport(3, kSource, __LINE__).Stream() << "[INFO]: Send " << action
                                                  << " command succeeded, wait for status take effect.";
@@ -260,7 +275,8 @@ int32_t SmmLanManager::SetIpmiOverLanStatus(SmmLanStatus wanted) {
     }
 
     Reply reply;
-    const int32_t opened = Exchange(kLanStatusCommand, {static_cast<uint8_t>(SMM_LAN_AND_IPMI_ENABLED)}, reply);
+    const int32_t opened = Exchange(kLanStatusCommand, {static_cast<uint8_t>(SMM_LAN_AND_IPMI_ENABLED)}, reply,
+                                    Effect::Change);
     if (!IsSuccess(opened)) return opened;
     if (reply.completionCode != 0) {
         PLEXUM_LOG(1, kSource, __LINE__) << "Execute ipmi command to set smm ipmi over lan status to " << 4
@@ -268,7 +284,6 @@ int32_t SmmLanManager::SetIpmiOverLanStatus(SmmLanStatus wanted) {
         // Usually an SMM whose firmware lacks the service: say so instead of a generic failure.
         return RESULT_ENABLE_IPMI_FAILED;
     }
-    Plexum::RunContext::Current().NoteChangeSent();
     ConsoleReport(3, kSource, __LINE__).Stream() << "[INFO]: Send enable command succeeded, wait for status take effect.";
     return WaitForStatus(wanted, {"Check SMM IPMI over LAN status attempt(", "The SMM IPMI over LAN status take effected.",
                                   "Execute command to enable SMM IPMI over LAN success but wait status change timeout"});
@@ -282,11 +297,7 @@ int32_t SmmLanManager::Enable(IpObtainMethod method) {
                "address obtained method";
     }
     const int32_t result = SetLanStatus(SMM_LAN_ENABLED);
-
-    ConsoleReport(3, kSource, __LINE__).Stream() << "************Enable Result************\n";
-    if (!IsSuccess(result)) {
-        ReportFailure("Enable SMM network failed.", result);
-    } else {
+    return ReportResult({kEnableBanner, "Enable SMM network failed.", "SmmLanManager::Enable"}, result, [this] {
         ConsoleReport(3, kSource, __LINE__).Stream() << "Enable SMM network succeeded";
         ConsoleReport(3, kSource, __LINE__).Stream() << "Sleep 10 seconds more to let SMM network up";
         Sleep(kSettleMilliseconds);
@@ -299,73 +310,51 @@ int32_t SmmLanManager::Enable(IpObtainMethod method) {
                    "the network is starting, you can wait a few minutes then to use of the \"smmlan query\" command "
                    "to try again to obtain the IP.";
         }
-    }
-    ConsoleReport(3, kSource, __LINE__).Stream() << "\n************Enable Result************";
-    PLEXUM_LOG(4, kSource, __LINE__) << "Exiting  " << "SmmLanManager::Enable";
-    return result;
+    });
 }
 
 int32_t SmmLanManager::Disable() {
     PLEXUM_LOG(4, kSource, __LINE__) << "Entering  " << "SmmLanManager::Disable";
     const int32_t result = SetLanStatus(SMM_LAN_DISABLED);
-
-    ConsoleReport(3, kSource, __LINE__).Stream() << "************Disable Result************\n";
-    if (!IsSuccess(result)) {
-        ReportFailure("Disable SMM network failed.", result);
-    } else {
-        ConsoleReport(3, kSource, __LINE__).Stream() << "Disable SMM network succeeded";
-    }
-    ConsoleReport(3, kSource, __LINE__).Stream() << "\n************Disable Result************";
-    PLEXUM_LOG(4, kSource, __LINE__) << "Exiting  " << "SmmLanManager::Disable";
-    return result;
+    return ReportResult({"************Disable Result************", "Disable SMM network failed.", "SmmLanManager::Disable"},
+                        result, [] { ConsoleReport(3, kSource, __LINE__).Stream() << "Disable SMM network succeeded"; });
 }
 
 int32_t SmmLanManager::Query() {
     PLEXUM_LOG(4, kSource, __LINE__) << "Entering  " << "SmmLanManager::Query";
     SmmLanStatus status = SMM_LAN_STATUS_UNKNOWN;
     const int32_t result = GetLanStatus(status);
+    return ReportResult({"************Query Result************", "Query SMM network status failed.", "SmmLanManager::Query"},
+                        result, [this, status] { ReportStatus(status); });
+}
 
-    ConsoleReport(3, kSource, __LINE__).Stream() << "************Query Result************\n";
-    if (!IsSuccess(result)) {
-        ReportFailure("Query SMM network status failed.", result);
-    } else {
-        std::string address;
-        if (status == SMM_LAN_ENABLED || status == SMM_LAN_AND_IPMI_ENABLED) {
-            address = GetSMMIp();
-            if (address.empty()) ConsoleReport(3, kSource, __LINE__).Stream() << "Get SMM ip failed";
-        }
-        const char* statusText = "Unknow";
-        if (status == SMM_LAN_ENABLED) {
-            statusText = "Enabled";
-        } else if (status == SMM_LAN_AND_IPMI_ENABLED) {
-            statusText = "SMM network and IPMI over LAN enabled";
-        } else if (status == SMM_LAN_DISABLED) {
-            statusText = "Disabled";
-        }
-        ConsoleReport(3, kSource, __LINE__).Stream() << "Query SMM network status succeeded";
-        ConsoleReport(3, kSource, __LINE__).Stream() << "    Status: " << statusText;
-        // The raw code is for the log only; the console shows the text.
-        PLEXUM_LOG(3, kSource, __LINE__) << "    Status code: " << static_cast<uint32_t>(status);
-        if (!address.empty()) ConsoleReport(3, kSource, __LINE__).Stream() << "    SMM IP: " << address;
+void SmmLanManager::ReportStatus(SmmLanStatus status) {
+    std::string address;
+    if (status == SMM_LAN_ENABLED || status == SMM_LAN_AND_IPMI_ENABLED) {
+        address = GetSMMIp();
+        if (address.empty()) ConsoleReport(3, kSource, __LINE__).Stream() << "Get SMM ip failed";
     }
-    ConsoleReport(3, kSource, __LINE__).Stream() << "\n************Query Result************";
-    PLEXUM_LOG(4, kSource, __LINE__) << "Exiting  " << "SmmLanManager::Query";
-    return result;
+    const char* statusText = "Unknow";
+    if (status == SMM_LAN_ENABLED) {
+        statusText = "Enabled";
+    } else if (status == SMM_LAN_AND_IPMI_ENABLED) {
+        statusText = "SMM network and IPMI over LAN enabled";
+    } else if (status == SMM_LAN_DISABLED) {
+        statusText = "Disabled";
+    }
+    ConsoleReport(3, kSource, __LINE__).Stream() << "Query SMM network status succeeded";
+    ConsoleReport(3, kSource, __LINE__).Stream() << "    Status: " << statusText;
+    // The raw code is for the log only; the console shows the text.
+    PLEXUM_LOG(3, kSource, __LINE__) << "    Status code: " << static_cast<uint32_t>(status);
+    if (!address.empty()) ConsoleReport(3, kSource, __LINE__).Stream() << "    SMM IP: " << address;
 }
 
 int32_t SmmLanManager::EnableIpmi() {
     PLEXUM_LOG(4, kSource, __LINE__) << "Entering  " << "SmmLanManager::EnableIpmi";
     const int32_t result = SetIpmiOverLanStatus(SMM_LAN_AND_IPMI_ENABLED);
-
-    ConsoleReport(3, kSource, __LINE__).Stream() << "************Enable Result************\n";
-    if (!IsSuccess(result)) {
-        ReportFailure("Enable SMM IPMI over LAN failed.", result);
-    } else {
+    return ReportResult({kEnableBanner, "Enable SMM IPMI over LAN failed.", "SmmLanManager::EnableIpmi"}, result, [this] {
         ConsoleReport(3, kSource, __LINE__).Stream() << "Enable SMM IPMI over LAN succeeded";
         ConsoleReport(3, kSource, __LINE__).Stream() << "Sleep 10 seconds more to let SMM IPMI over LAN up";
         Sleep(kSettleMilliseconds);
-    }
-    ConsoleReport(3, kSource, __LINE__).Stream() << "\n************Enable Result************";
-    PLEXUM_LOG(4, kSource, __LINE__) << "Exiting  " << "SmmLanManager::EnableIpmi";
-    return result;
+    });
 }

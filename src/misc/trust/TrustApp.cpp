@@ -4,7 +4,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <cstdlib>
 #include <vector>
 
 #include "common/rest/PeerCertificate.h"
@@ -54,7 +53,7 @@ MorvelResult TrustApp::init(const UserContext& context) {
         m_knownSmmsPath = Plexum::Trim(m_knownSmmsPath);
     }
     if (m_knownSmmsPath.empty()) {
-        m_knownSmmsPath = Trust::KnownSmms::DefaultPath(std::getenv("XDG_STATE_HOME"), std::getenv("HOME"));
+        m_knownSmmsPath = Trust::KnownSmms::DefaultPath();
     }
     if (m_knownSmmsPath.empty()) {
         Complain("trust: no place for the known-SMMs file: there is no home; give --known-smms FILE");

@@ -5,6 +5,7 @@
 
 #include <sstream>
 
+#include "support/FakeUserLookup.h"
 #include "support/TestFiles.h"
 
 namespace {
@@ -21,23 +22,37 @@ std::vector<std::string> Described(const std::vector<ConfigLayer>& layers) {
     return described;
 }
 
+// XDG_CONFIG_HOME (absent when null) and HOME, and /db/home in the password database.
+Plexum::UserLookup User(const char* xdgConfigHome, const char* home) {
+    std::map<std::string, std::string> variables;
+    if (xdgConfigHome != nullptr) variables["XDG_CONFIG_HOME"] = xdgConfigHome;
+    if (home != nullptr) variables["HOME"] = home;
+    return FakeUserLookup(variables, "/db/home");
+}
+
 TEST(ConfigSearchPath, ExplicitFileAlone) {
-    EXPECT_EQ(Described(ConfigSearchPath(true, "/a.conf", "/env.conf", "/xdg", "/home/u", "/etc/morvel/morvel.conf")),
+    EXPECT_EQ(Described(ConfigSearchPath(true, "/a.conf", "/env.conf", User("/xdg", "/home/u"), "/etc/morvel/morvel.conf")),
               std::vector<std::string>{"/a.conf required"});
-    EXPECT_EQ(Described(ConfigSearchPath(false, "", "/env.conf", "/xdg", "/home/u", "/etc/morvel/morvel.conf")),
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", "/env.conf", User("/xdg", "/home/u"), "/etc/morvel/morvel.conf")),
               std::vector<std::string>{"/env.conf required"});
 }
 
 TEST(ConfigSearchPath, UserThenSystem) {
     const std::vector<std::string> xdg = {"/xdg/morvel/morvel.conf optional", "/etc/morvel/morvel.conf optional"};
-    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, "/xdg", "/home/u", "/etc/morvel/morvel.conf")), xdg);
-    EXPECT_EQ(Described(ConfigSearchPath(false, "", "", "/xdg", "/home/u", "/etc/morvel/morvel.conf")), xdg);
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, User("/xdg", "/home/u"), "/etc/morvel/morvel.conf")), xdg);
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", "", User("/xdg", "/home/u"), "/etc/morvel/morvel.conf")), xdg);
     const std::vector<std::string> home = {"/home/u/.config/morvel/morvel.conf optional",
                                            "/etc/morvel/morvel.conf optional"};
     // Unset, empty and relative XDG_CONFIG_HOME all fall back to HOME.
-    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, nullptr, "/home/u", "/etc/morvel/morvel.conf")), home);
-    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, "", "/home/u", "/etc/morvel/morvel.conf")), home);
-    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, "rel/x", "/home/u", "/etc/morvel/morvel.conf")), home);
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, User(nullptr, "/home/u"), "/etc/morvel/morvel.conf")), home);
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, User("", "/home/u"), "/etc/morvel/morvel.conf")), home);
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, User("rel/x", "/home/u"), "/etc/morvel/morvel.conf")), home);
+    // Without HOME, the password database's home.
+    const std::vector<std::string> database = {"/db/home/.config/morvel/morvel.conf optional",
+                                               "/etc/morvel/morvel.conf optional"};
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, User(nullptr, nullptr), "/etc/morvel/morvel.conf")),
+              database);
+    EXPECT_EQ(Described(ConfigSearchPath(false, "", nullptr, User("", ""), "/etc/morvel/morvel.conf")), database);
 }
 
 TEST(ConfigSearchPath, RecordNamesEachFile) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "cli/Host.h"
+#include "support/FakeUserLookup.h"
 #include "support/TestFiles.h"
 
 namespace {
@@ -139,10 +140,16 @@ TEST(ModuleLoader, ModuleMustDeclareItsCommandLine) {
 }
 
 TEST(HostHelpers, DefaultLogFilePath) {
-    EXPECT_EQ(MorvelCli::DefaultLogFilePath("/var/state", "/home/u"), "/var/state/morvel/morvel.log");
-    EXPECT_EQ(MorvelCli::DefaultLogFilePath(nullptr, "/home/u"), "/home/u/.local/state/morvel/morvel.log");
-    EXPECT_EQ(MorvelCli::DefaultLogFilePath("", "/home/u"), "/home/u/.local/state/morvel/morvel.log");
-    EXPECT_EQ(MorvelCli::DefaultLogFilePath("relative/state", "/home/u"), "/home/u/.local/state/morvel/morvel.log");
+    using MorvelCli::DefaultLogFilePath;
+    EXPECT_EQ(DefaultLogFilePath(FakeUserLookup({{"XDG_STATE_HOME", "/var/state"}, {"HOME", "/home/u"}})),
+              "/var/state/morvel/morvel.log");
+    EXPECT_EQ(DefaultLogFilePath(FakeUserLookup({{"HOME", "/home/u"}})), "/home/u/.local/state/morvel/morvel.log");
+    EXPECT_EQ(DefaultLogFilePath(FakeUserLookup({{"XDG_STATE_HOME", ""}, {"HOME", "/home/u"}})),
+              "/home/u/.local/state/morvel/morvel.log");
+    EXPECT_EQ(DefaultLogFilePath(FakeUserLookup({{"XDG_STATE_HOME", "relative/state"}, {"HOME", "/home/u"}})),
+              "/home/u/.local/state/morvel/morvel.log");
+    EXPECT_EQ(DefaultLogFilePath(FakeUserLookup({}, "/db/home")), "/db/home/.local/state/morvel/morvel.log");
+    EXPECT_EQ(DefaultLogFilePath(FakeUserLookup({})), "");
 }
 
 }  // namespace

@@ -182,10 +182,11 @@ public:
     int Master() const { return m_master; }
     const std::string& SlaveName() const { return m_slaveName; }
 
-    // Everything the terminal shows until `expected` has appeared or 10 s passed.
+    // Everything the terminal shows until `expected` has appeared, or a guard
+    // against a hang (never a bound on speed) has passed.
     std::string ReadUntil(const std::string& expected) const {
         std::string seen;
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::minutes(10);
         while (seen.find(expected) == std::string::npos && std::chrono::steady_clock::now() < deadline) {
             pollfd entry{m_master, POLLIN, 0};
             if (::poll(&entry, 1, 100) <= 0) continue;

@@ -148,6 +148,35 @@ TEST(TargetList, AtMostOneHundredThousandTargets) {
     EXPECT_EQ(ErrorOf("a:b@r[1-999999999]"), "--bmc: 'r[1-999999999]': more than 100000 targets after expansion");
 }
 
+TEST(TargetList, ManySpansOfOneGroupAreCountedBeforeTheyAreExpanded) {
+    std::string group;
+    for (int i = 0; i < 100; ++i) group += (i == 0 ? "" : ",") + std::string("0-99999");
+    EXPECT_EQ(ErrorOf("a:b@h[" + group + "]"), "--bmc: 'h[" + group + "]': more than 100000 targets after expansion");
+    // Past the limit every span is still read: a bad one is named, not the count.
+    EXPECT_EQ(ErrorOf("a:b@h[0-99999,0-99999,9-1]"), "--bmc: 'h[0-99999,0-99999,9-1]': descending range 9-1");
+    EXPECT_EQ(ErrorOf("a:b@h[0-99999,0-99999,x]"), "--bmc: 'h[0-99999,0-99999,x]': range [0-99999,0-99999,x] is not numbers");
+    EXPECT_EQ(Labels(Expand("a@n[1-2,08-09,5]-[7,1-2]")),
+              (std::vector<std::string>{"n1-7", "n1-1", "n1-2", "n2-7", "n2-1", "n2-2", "n08-7", "n08-1", "n08-2",
+                                        "n09-7", "n09-1", "n09-2", "n5-7", "n5-1", "n5-2"}));
+}
+
+TEST(TargetList, TheRoomLeftBoundsEveryLaterValue) {
+    TargetList list;
+    ASSERT_FALSE(list.AddValue("a:b@h[1-99999]", "--bmc"));
+    const auto error = list.AddValue("a:b@g[1-2]", "--bmc");
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->message, "--bmc: 'g[1-2]': more than 100000 targets after expansion");
+    ASSERT_FALSE(list.AddValue("a:b@g[7]", "--bmc"));
+    EXPECT_EQ(list.Targets().size(), 100000u);
+    EXPECT_EQ(list.Targets().back().label, "g7");
+    // Within one value too: the items before the one at fault use up the room.
+    TargetList other;
+    ASSERT_FALSE(other.AddValue("a:b@h[1-99998]", "--bmc"));
+    EXPECT_EQ(other.AddValue("a:b@x,y,z[1-2]", "--bmc")->message,
+              "--bmc: 'z[1-2]': more than 100000 targets after expansion");
+    EXPECT_EQ(other.Targets().size(), 99998u);
+}
+
 TEST(TargetList, RepeatsRunOnceWithOneWarningEach) {
     TargetList list;
     ASSERT_FALSE(list.AddValue("a:b@SMM1,smm2,smm1:443,[::1]:8443,[0:0::1]:8443,smm1:444,smm1", "--bmc"));

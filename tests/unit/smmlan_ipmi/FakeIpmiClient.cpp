@@ -5,6 +5,8 @@
 
 #include <iomanip>
 
+#include "host/RunContext.h"
+
 namespace smmlan_test {
 
 bool operator==(const IpmiEvent& left, const IpmiEvent& right) {
@@ -66,6 +68,7 @@ void FakeIpmiClient::Close() { events.push_back(CloseEvent()); }
 int32_t FakeIpmiClient::SendRequest(const Plexum::IpmiRequest& request, std::vector<uint8_t>& response,
                                     uint8_t& completionCode) {
     events.push_back(SendEvent(request.netFn, request.command, request.data));
+    changeSentAtSend.push_back(Plexum::RunContext::Current().ChangeSent());
     EXPECT_TRUE(response.empty()) << "the response must be handed in empty";
     if (replies.empty()) {
         ADD_FAILURE() << "unscripted request " << events.back();

@@ -66,6 +66,8 @@ public:
     std::deque<int32_t> openResults;
     std::deque<ScriptedReply> replies;
     std::vector<IpmiEvent> events;
+    // For each SendRequest: whether the run had noted a change sent by then.
+    std::vector<bool> changeSentAtSend;
 };
 
 }  // namespace smmlan_test

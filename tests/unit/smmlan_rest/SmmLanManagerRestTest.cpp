@@ -342,16 +342,14 @@ TEST_F(SmmLanManagerRestTest, NothingListeningAnswersFalseWithCurlCodeSeven) {
 TEST_F(SmmLanManagerRestTest, ServerStallingPastTheTimeoutGivesCurlCodeTwentyEight) {
     RecordingHttpsServer server;
     Reply slow = Json(200, VendorBody("\"LANEnabled\": true"));
-    slow.delay = std::chrono::milliseconds(4000);
+    slow.delay = std::chrono::hours(1);  // cut short when the server stops: only the time-out ends the wait
     ScriptChassis(server, {slow});
     auto connection = ConnectionTo(server);
     SmmLanManagerRest manager(&connection);
     manager.Client()->SetTimeout(1);  // the manager's 60 s would make a slow test
     m_log.Clear();
 
-    const auto start = std::chrono::steady_clock::now();
     EXPECT_FALSE(manager.CheckIsSupportByRest());
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(3500));
     EXPECT_EQ(manager.LastResponse().curlCode, 28);
     EXPECT_EQ(manager.LastResponse().httpCode, -1);
     EXPECT_EQ(manager.CheckResponse(manager.LastResponse()), RESULT_TIMEOUT);
@@ -755,7 +753,7 @@ TEST_F(SmmLanManagerRestTest, PatchTransportFailureShowsCurlsText) {
 TEST_F(SmmLanManagerRestTest, PatchTimeoutGivesTimeout) {
     RecordingHttpsServer server;
     Reply slow = Json(200, "");
-    slow.delay = std::chrono::milliseconds(4000);
+    slow.delay = std::chrono::hours(1);  // cut short when the server stops: only the time-out ends the wait
     ScriptChassis(server, {Json(200, VendorBody("\"LANEnabled\": true"))}, {slow});
     auto connection = ConnectionTo(server);
     SmmLanManagerRest manager(&connection);

@@ -2,7 +2,6 @@
 #include <dlfcn.h>
 
 #include <algorithm>
-#include <chrono>
 #include <string>
 #include <vector>
 
@@ -439,9 +438,7 @@ TEST_F(SmmLanTest, UnsupportedRedfishThenNoIpmiAnswerIsAConnectionFailure) {
     RecordingHttpsServer server;
     server.Script(kChassisPath, {Json(200, VendorBody("\"LANEnabled\": \"true\""))});
 
-    const auto start = std::chrono::steady_clock::now();
     const MorvelResult result = Run(ContextFor("disable", BmcFor(server)));
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(30));
 
     EXPECT_EQ(result.code, RESULT_CONNECTION_FAILED);
     EXPECT_EQ(result.message, "");

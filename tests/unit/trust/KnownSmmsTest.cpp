@@ -20,6 +20,7 @@
 
 #include "host/Files.h"
 #include "host/Log.h"
+#include "support/FakeUserLookup.h"
 #include "support/TestFiles.h"
 
 namespace {
@@ -76,10 +77,14 @@ TEST(KnownSmms, OnlyAPortWordOf443IsDropped) {
 }
 
 TEST(KnownSmms, DefaultPath) {
-    EXPECT_EQ(KnownSmms::DefaultPath("/state", "/home/u"), "/state/morvel/known_smms");
-    EXPECT_EQ(KnownSmms::DefaultPath("relative", "/home/u"), "/home/u/.local/state/morvel/known_smms");
-    EXPECT_EQ(KnownSmms::DefaultPath(nullptr, "/home/u"), "/home/u/.local/state/morvel/known_smms");
-    EXPECT_EQ(KnownSmms::DefaultPath(nullptr, nullptr), "");
+    EXPECT_EQ(KnownSmms::DefaultPath(FakeUserLookup({{"XDG_STATE_HOME", "/state"}, {"HOME", "/home/u"}})),
+              "/state/morvel/known_smms");
+    EXPECT_EQ(KnownSmms::DefaultPath(FakeUserLookup({{"XDG_STATE_HOME", "relative"}, {"HOME", "/home/u"}})),
+              "/home/u/.local/state/morvel/known_smms");
+    EXPECT_EQ(KnownSmms::DefaultPath(FakeUserLookup({{"HOME", "/home/u"}})), "/home/u/.local/state/morvel/known_smms");
+    // Without HOME the password database says where the home is.
+    EXPECT_EQ(KnownSmms::DefaultPath(FakeUserLookup({}, "/db/home")), "/db/home/.local/state/morvel/known_smms");
+    EXPECT_EQ(KnownSmms::DefaultPath(FakeUserLookup({})), "");
 }
 
 TEST(KnownSmms, AddFindRemove) {
