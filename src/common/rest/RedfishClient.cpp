@@ -19,34 +19,11 @@ constexpr int kGetLogLine = 108;
 constexpr int32_t kDefaultStartupWaitSeconds = 180;
 constexpr int64_t kPollIntervalMilliseconds = 5000;
 
-std::function<void(int64_t)>& SleepHook() {
-    static std::function<void(int64_t)> hook;
-    return hook;
-}
-
-std::function<int64_t()>& ClockHook() {
-    static std::function<int64_t()> hook;
-    return hook;
-}
-
-// The run's own sleep: a run asked to stop wakes at once.
-void SleepMilliseconds(int64_t milliseconds) {
-    if (SleepHook())
-        SleepHook()(milliseconds);
-    else
-        Plexum::RunContext::Current().Sleep(static_cast<uint64_t>(milliseconds));
-}
-
-int64_t MonotonicNanoseconds() {
-    if (ClockHook()) return ClockHook()();
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
-
 // The configured seconds are read once per run (the process, for a single
 // target) and kept in its context; 0 there means not read yet.
 StartupWaitPolicy CurrentStartupWaitPolicy() {
     int32_t& seconds = Plexum::RunContext::Current().StartupWaitSeconds();
+    // A configured 0 is read again on the next request: 0 also stands for "not read yet".
     if (seconds == 0) seconds = Plexum::GetGlobalConfigValue("REDFISH_STARTUP_WAIT_TIME", kDefaultStartupWaitSeconds);
     return StartupWaitPolicy{static_cast<int64_t>(seconds) * 1000, kPollIntervalMilliseconds};
 }
@@ -59,23 +36,34 @@ bool IsNotServiceUnavailable(const Response& response) {
     return false;
 }
 
-template <typename Predicate, typename Operation>
-Response RetryUntil(const StartupWaitPolicy& policy, Predicate accept, Operation attempt) {
-    const int64_t start = MonotonicNanoseconds();
-    for (;;) {
-        Response result = attempt();
-        if (accept(result)) return result;
-        // Checked after each attempt, so the last one may start just before the limit.
-        if (policy.totalWaitMilliseconds * 1000000 < MonotonicNanoseconds() - start) return result;
-        SleepMilliseconds(policy.pollIntervalMilliseconds);
-    }
-}
-
 }  // namespace
 
-void RedfishClient::SetSleepFunction(std::function<void(int64_t milliseconds)> sleep) { SleepHook() = std::move(sleep); }
+// The run's own sleep: a run asked to stop wakes at once.
+void RedfishClient::Sleep(int64_t milliseconds) const {
+    if (m_sleep)
+        m_sleep(milliseconds);
+    else
+        Plexum::RunContext::Current().Sleep(static_cast<uint64_t>(milliseconds));
+}
 
-void RedfishClient::SetClockFunction(std::function<int64_t()> nanoseconds) { ClockHook() = std::move(nanoseconds); }
+int64_t RedfishClient::Now() const {
+    if (m_clock) return m_clock();
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+template <typename Operation>
+Response RedfishClient::Retried(Operation attempt) {
+    const StartupWaitPolicy policy = CurrentStartupWaitPolicy();
+    const int64_t start = Now();
+    for (;;) {
+        Response result = attempt();
+        if (IsNotServiceUnavailable(result)) return result;
+        // Checked after each attempt, so the last one may start just before the limit.
+        if (policy.totalWaitMilliseconds * 1000000 < Now() - start) return result;
+        Sleep(policy.pollIntervalMilliseconds);
+    }
+}
 
 void RedfishClient::ResetStartupWaitCache() { Plexum::RunContext::Current().StartupWaitSeconds() = 0; }
 
@@ -117,7 +105,7 @@ Response RedfishClient::Request(RequestType type, const std::string& url, const 
 
 Response RedfishClient::Get(const std::string& url) {
     PLEXUM_LOG(4, kLogSource, kGetLogLine) << "Redfish GET action on URL: " << url;
-    Response response = RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Get(url); });
+    Response response = Retried([&] { return m_client.Get(url); });
     // What the service last answered, for saying why it did not serve (--protocol redfish).
     Plexum::RunContext::Current().NoteRedfishOutcome(
         Plexum::RedfishOutcome{true, response.curlCode, response.httpCode, response.curlCode != 0 ? response.body : ""});
@@ -125,46 +113,45 @@ Response RedfishClient::Get(const std::string& url) {
 }
 
 Response RedfishClient::PostMime(const std::string& url, const MimeParts& parts, ProgressCallback progress) {
-    Response response = RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable,
-                                   [&] { return m_client.PostMime(url, parts, progress); });
+    Response response = Retried([&] { return m_client.PostMime(url, parts, progress); });
     progress = ProgressCallback();
     return response;
 }
 
 Response RedfishClient::Post(const std::string& url, std::istream& body) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Post(url, body); });
+    return Retried([&] { return m_client.Post(url, body); });
 }
 
 Response RedfishClient::Post(const std::string& url, const std::string& body) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Post(url, body); });
+    return Retried([&] { return m_client.Post(url, body); });
 }
 
 Response RedfishClient::Put(const std::string& url, std::istream& body) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Put(url, body); });
+    return Retried([&] { return m_client.Put(url, body); });
 }
 
 Response RedfishClient::Put(const std::string& url, const std::string& body) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Put(url, body); });
+    return Retried([&] { return m_client.Put(url, body); });
 }
 
 Response RedfishClient::Patch(const std::string& url, std::istream& body) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Patch(url, body); });
+    return Retried([&] { return m_client.Patch(url, body); });
 }
 
 Response RedfishClient::Patch(const std::string& url, const std::string& body) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Patch(url, body); });
+    return Retried([&] { return m_client.Patch(url, body); });
 }
 
 Response RedfishClient::Delete(const std::string& url) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Delete(url); });
+    return Retried([&] { return m_client.Delete(url); });
 }
 
 Response RedfishClient::Head(const std::string& url) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Head(url); });
+    return Retried([&] { return m_client.Head(url); });
 }
 
 Response RedfishClient::Options(const std::string& url) {
-    return RetryUntil(CurrentStartupWaitPolicy(), IsNotServiceUnavailable, [&] { return m_client.Options(url); });
+    return Retried([&] { return m_client.Options(url); });
 }
 
 }  // namespace Rest

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <utility>
 
 #include "common/rest/RestClient.h"
 #include "common/rest/RestClientInterface.h"
@@ -60,15 +61,24 @@ public:
     // The member client, for settings outside the interface.
     RestClient& Client() { return m_client; }
 
-    // Test hooks. An empty function restores the real behaviour: sleeping the
-    // calling thread, and the monotonic clock (nanoseconds).
-    static void SetSleepFunction(std::function<void(int64_t milliseconds)> sleep);
-    static void SetClockFunction(std::function<int64_t()> nanoseconds);
+    // Test hooks of this client alone (a run over many SMMs has one client per
+    // worker thread). An empty function restores the real behaviour: the run's
+    // sleep, which a stop request ends, and the monotonic clock (nanoseconds).
+    void SetSleepFunction(std::function<void(int64_t milliseconds)> sleep) { m_sleep = std::move(sleep); }
+    void SetClockFunction(std::function<int64_t()> nanoseconds) { m_clock = std::move(nanoseconds); }
     // Forgets the cached REDFISH_STARTUP_WAIT_TIME so the next request reads it again.
     static void ResetStartupWaitCache();
 
 private:
+    // Repeats `attempt` while the service answers 503, within the start-up wait.
+    template <typename Operation>
+    Response Retried(Operation attempt);
+    void Sleep(int64_t milliseconds) const;
+    int64_t Now() const;
+
     RestClient m_client;
+    std::function<void(int64_t)> m_sleep;
+    std::function<int64_t()> m_clock;
 };
 
 }  // namespace Rest
