@@ -7,6 +7,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Plexum {
@@ -46,12 +47,27 @@ struct TrustSettings {
     std::string key;        // pin, tofu: the target's key there (KnownSmms::Key)
 };
 
+// How Redfish requests authenticate (--redfish-auth): HTTP Basic on every
+// request, or one session: a login, its token on every request, a logout.
+enum class RedfishAuth { Basic, Session };
+
+// Why a session login opened no session: the user or password refused (401,
+// 403), no session service (404, 405), no token in a success, or another answer.
+enum class LoginFailure { None, Refused, NoSessionService, NoToken, NotOpened };
+
 // The last answer of the SMM's Redfish service in a run, for saying why it did not serve.
 struct RedfishOutcome {
     bool tried = false;
     int32_t curlCode = 0;
     int32_t httpCode = 0;
     std::string error;  // libcurl's text when the transfer failed
+    LoginFailure login = LoginFailure::None;  // set when the answer was a session login's
+};
+
+// How the run's Redfish session ended, once one was opened.
+struct SessionLogout {
+    bool done = false;  // the service deleted the session
+    std::string error;  // why not, in one line
 };
 enum class NetworkState { Unread, Enabled, Disabled, Unknown };
 
@@ -101,6 +117,8 @@ public:
     // What the host chose for this run (--protocol, --tls-verify and friends).
     void ChooseProtocols(ProtocolChoice protocols) { m_protocols = protocols; }
     ProtocolChoice Protocols() const { return m_protocols; }
+    void ChooseRedfishAuth(RedfishAuth auth) { m_redfishAuth = auth; }
+    RedfishAuth RedfishAuthMode() const { return m_redfishAuth; }
     void SetTrust(TrustSettings trust) { m_trust = std::move(trust); }
     const TrustSettings& Trust() const { return m_trust; }
     // Set when the SMM's certificate failed the trust settings: why, in one
@@ -118,10 +136,13 @@ public:
     void NoteIpmiOverLan(bool enabled) { m_state.ipmiOverLan = enabled; }
     void NoteIpv4(const std::string& address) { m_state.ipv4 = address; }
     void NoteChangeSent() { m_changeSent = true; }
+    void NoteSessionLogout(SessionLogout logout) { m_logout = std::move(logout); }
 
     Protocol ServedBy() const { return m_protocol; }
     const ObservedState& State() const { return m_state; }
     bool ChangeSent() const { return m_changeSent; }
+    // Empty while no Redfish session was opened.
+    const std::optional<SessionLogout>& Logout() const { return m_logout; }
 
 private:
     bool m_buffered = false;
@@ -130,12 +151,14 @@ private:
     std::vector<ConsoleLine> m_console;
     int32_t m_startupWaitSeconds = 0;
     ProtocolChoice m_protocols = ProtocolChoice::Auto;
+    RedfishAuth m_redfishAuth = RedfishAuth::Basic;
     TrustSettings m_trust;
     std::string m_trustFailure;
     RedfishOutcome m_redfish;
     Protocol m_protocol = Protocol::None;
     ObservedState m_state;
     bool m_changeSent = false;
+    std::optional<SessionLogout> m_logout;
 };
 
 // Installs a context for the calling thread while it lives.

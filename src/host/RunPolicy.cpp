@@ -13,6 +13,24 @@ namespace {
 
 const char* const kSource = "src/host/RunPolicy";
 
+// What a session login that opened no session says: the text, then its HTTP status, then the hint.
+struct LoginRefusal {
+    Plexum::LoginFailure failure;
+    const int* code;
+    const char* text;
+    const char* hint;
+};
+const LoginRefusal kLoginRefusals[] = {
+    {Plexum::LoginFailure::Refused, &RESULT_AUTHENTICATION_FAILED,
+     "the SMM's Redfish service refused the session login for the user or password", ""},
+    {Plexum::LoginFailure::NoSessionService, &RESULT_GENERIC_FAILURE,
+     "the SMM's Redfish service offers no session login", "; --redfish-auth basic needs none"},
+    {Plexum::LoginFailure::NoToken, &RESULT_GENERIC_FAILURE,
+     "the SMM's Redfish service answered the session login without a session token",
+     "; --redfish-auth basic needs none"},
+    {Plexum::LoginFailure::NotOpened, &RESULT_GENERIC_FAILURE, "the SMM's Redfish service opened no session", ""},
+};
+
 // Why the Redfish service did not serve, from its last answer.
 MorvelResult RedfishDidNotServe(const Plexum::RedfishOutcome& outcome) {
     const std::string only = "Redfish only (protocol redfish): ";
@@ -20,11 +38,14 @@ MorvelResult RedfishDidNotServe(const Plexum::RedfishOutcome& outcome) {
     if (outcome.curlCode != 0) {
         return MorvelResult(RESULT_CONNECTION_FAILED, only + "the SMM's Redfish service cannot be reached: " + outcome.error);
     }
-    const std::string status = " (HTTP " + std::to_string(outcome.httpCode) + ").";
-    if (outcome.httpCode == 401 || outcome.httpCode == 403) {
-        return MorvelResult(RESULT_AUTHENTICATION_FAILED, only + "the SMM's Redfish service refused the user or password" + status);
+    const std::string status = " (HTTP " + std::to_string(outcome.httpCode) + ")";
+    for (const LoginRefusal& refusal : kLoginRefusals) {
+        if (refusal.failure == outcome.login) return MorvelResult(*refusal.code, only + refusal.text + status + refusal.hint + ".");
     }
-    return MorvelResult(RESULT_GENERIC_FAILURE, only + "the SMM's Redfish service offers no SMM network setting" + status);
+    if (outcome.httpCode == 401 || outcome.httpCode == 403) {
+        return MorvelResult(RESULT_AUTHENTICATION_FAILED, only + "the SMM's Redfish service refused the user or password" + status + ".");
+    }
+    return MorvelResult(RESULT_GENERIC_FAILURE, only + "the SMM's Redfish service offers no SMM network setting" + status + ".");
 }
 
 }  // namespace
