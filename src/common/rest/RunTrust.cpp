@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "common/rest/RunTrust.h"
 
-#include <cstdlib>
-#include <memory>
+#include <optional>
 
 #include "common/rest/PeerCertificate.h"
+#include "common/rest/UrlOrigin.h"
 #include "trust/KnownSmms.h"
 #include "host/RunContext.h"
 
@@ -13,30 +13,6 @@ namespace {
 
 // A certificate read for a pin waits no longer than this.
 constexpr int32_t kPeerReadSeconds = 20;
-
-struct UrlFree {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-struct TextFree {
-    void operator()(char* text) const { curl_free(text); }
-};
-
-// The host (an IPv6 literal in brackets) and port of an https URL; false when it has none.
-bool HostAndPort(const std::string& url, std::string& host, int& port) {
-    const std::unique_ptr<CURLU, UrlFree> parsed(curl_url());
-    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return false;
-    char* hostText = nullptr;
-    char* portText = nullptr;
-    if (curl_url_get(parsed.get(), CURLUPART_HOST, &hostText, 0) != CURLUE_OK) return false;
-    const std::unique_ptr<char, TextFree> ownedHost(hostText);
-    if (curl_url_get(parsed.get(), CURLUPART_PORT, &portText, CURLU_DEFAULT_PORT) != CURLUE_OK) return false;
-    const std::unique_ptr<char, TextFree> ownedPort(portText);
-    host = hostText;
-    char* end = nullptr;
-    const long number = std::strtol(portText, &end, 10);
-    port = static_cast<int>(number);
-    return *end == '\0' && number > 0 && number <= 65535;
-}
 
 bool IsVerificationFailure(int32_t curlCode) {
     switch (curlCode) {
@@ -80,10 +56,9 @@ void RunTrust::FindPin(const Plexum::TrustSettings& trust) {
                       "'morvel trust show " + Where() + "' and record it with 'morvel trust add " + Where() + "'");
     }
     // Trust on first use: the key presented now becomes the one to match from here on.
-    std::string host;
-    int port = 0;
-    if (!HostAndPort(url, host, port)) return Refuse("cannot tell the host of " + url);
-    const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
+    const std::optional<Origin> origin = OriginOf(url);
+    if (!origin) return Refuse("cannot tell the host of " + url);
+    const PeerCertificateRead read = ReadPeerCertificate(origin->host, origin->port, kPeerReadSeconds);
     if (!read.certificate) {
         // No answer is no trust question, but nothing goes out unpinned: the
         // transfer fails as it would have, and the run goes on as after any failed transfer.
@@ -111,11 +86,17 @@ void RunTrust::Refuse(const std::string& reason) {
     Plexum::RunContext::Current().NoteTrustFailure(reason);
 }
 
-bool RunTrust::Apply(CURL* handle) const {
+bool RunTrust::Apply(CURL* handle, bool carriesToken) {
     if (!m_active) return true;
     if (m_refusal.curlCode != -1) return false;
     // Wherever a redirect leads, the user's password stays with the SMM it was meant for.
     curl_easy_setopt(handle, CURLOPT_UNRESTRICTED_AUTH, 0L);
+    if (carriesToken) {
+        // libcurl sends custom headers on to any host: the token's request ends before it would leave.
+        m_handle = handle;
+        curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, BeforeRequest);
+        curl_easy_setopt(handle, CURLOPT_PREREQDATA, this);
+    }
     const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
     if (trust.verify == Plexum::TlsVerify::Ca) {
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -130,16 +111,36 @@ bool RunTrust::Apply(CURL* handle) const {
     return true;
 }
 
-void RunTrust::Review(const Response& response) const {
+int RunTrust::BeforeRequest(void* self, char* /*primaryIp*/, char* /*localIp*/, int /*primaryPort*/,
+                            int /*localPort*/) {
+    auto* trust = static_cast<RunTrust*>(self);
+    char* effective = nullptr;
+    if (curl_easy_getinfo(trust->m_handle, CURLINFO_EFFECTIVE_URL, &effective) != CURLE_OK || effective == nullptr) {
+        return CURL_PREREQFUNC_ABORT;
+    }
+    try {
+        const std::optional<Origin> first = OriginOf(trust->m_url);
+        const std::optional<Origin> now = OriginOf(effective);
+        if (first && now && *first == *now) return CURL_PREREQFUNC_OK;
+        trust->m_divertedTo = effective;
+    } catch (...) {
+        // Exceptions must not cross libcurl's C frames; the transfer ends either way.
+    }
+    return CURL_PREREQFUNC_ABORT;
+}
+
+void RunTrust::Review(Response& response) const {
+    if (!m_divertedTo.empty() && response.curlCode == CURLE_ABORTED_BY_CALLBACK) {
+        response.body = "a redirect to " + m_divertedTo + " was not followed: the session token stays with " + Where();
+        return;
+    }
     if (!m_active || !IsVerificationFailure(response.curlCode)) return;
     const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
     std::string reason;
     if (response.curlCode == CURLE_SSL_PINNEDPUBKEYNOTMATCH) {
-        std::string host;
-        int port = 0;
         std::string presented = "a key that could not be read again";
-        if (HostAndPort(m_url, host, port)) {
-            const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
+        if (const std::optional<Origin> origin = OriginOf(m_url)) {
+            const PeerCertificateRead read = ReadPeerCertificate(origin->host, origin->port, kPeerReadSeconds);
             if (read.certificate) presented = read.certificate->pin;
         }
         reason = Where() + " presented a key that does not match its pin, and nothing was sent to it: recorded " +

@@ -15,26 +15,36 @@ namespace Rest {
 //   ca    the chain and host name verified against the CA file or the system's store;
 //   pin   the key must match the pin recorded for the target; none recorded: refused;
 //   tofu  like pin, but a target without a pin gets the one it presents now recorded;
-// and in all three, credentials never follow a redirect to another host.
-// With none (the default) it does nothing at all.
+// and in all three, credentials never follow a redirect to another host, and
+// a request that carries a session token ends where a redirect would take it
+// to another scheme, host or port (libcurl would send the token along).
+// With none (the default) it does nothing at all. It lives through the transfer.
 class RunTrust {
 public:
     // Reads the run's settings; for pin and tofu, finds (or records) the pin.
     explicit RunTrust(const std::string& url);
+    RunTrust(const RunTrust&) = delete;
+    RunTrust& operator=(const RunTrust&) = delete;
 
-    // False when the transfer must not start (pin: no pin recorded); `refusal` then holds the response to give.
-    bool Apply(CURL* handle) const;
+    // False when the transfer must not start (pin: no pin recorded); `refusal`
+    // then holds the response to give. `carriesToken`: the request sends a session token.
+    bool Apply(CURL* handle, bool carriesToken);
     const Response& Refusal() const { return m_refusal; }
 
-    // After the transfer: a failed verification or pin becomes the run's trust failure.
-    void Review(const Response& response) const;
+    // After the transfer: a failed verification or pin becomes the run's trust
+    // failure; a redirect not followed for the token says so in the body.
+    void Review(Response& response) const;
 
 private:
     // pin, tofu: the pin to match, recorded first under tofu; or a refusal.
     void FindPin(const Plexum::TrustSettings& trust);
     void Refuse(const std::string& reason);
     std::string Where() const;
+    // libcurl's call before each request of the transfer, redirects included.
+    static int BeforeRequest(void* self, char* primaryIp, char* localIp, int primaryPort, int localPort);
 
+    CURL* m_handle = nullptr;
+    std::string m_divertedTo;  // where a redirect would have taken the token
     std::string m_url;
     std::string m_pin;        // pin, tofu: the pin the key must match
     std::string m_firstSeen;  // and when it was recorded
