@@ -16,8 +16,8 @@ SCRIPT = os.path.join(os.environ["MORVEL_SOURCE_DIR"], "completion", "morvel.bas
 DEFAULT_BREAKS = " \t\n\"'><=;|&(:@"
 HOST_OPTIONS = ["--config", "--log-file", "--log-level", "--password-file", "--show-config", "--help", "--version"]
 SMMLAN_OPTIONS = ["--bmc", "--bmc-file", "--method", "--fanout", "--output", "--always-prefix", "--protocol",
-                  "--tls-verify", "--cacert", "--known-smms", "--credentials-file", "--password-command",
-                  "--password-file", "--help"]
+                  "--redfish-auth", "--tls-verify", "--cacert", "--known-smms", "--credentials-file",
+                  "--password-command", "--password-file", "--help"]
 
 # Prints the number of words in COMPREPLY, then the words one per line, after setting what readline sets. Arguments:
 # the line, the word breaks, then COMP_WORDS.
@@ -89,6 +89,8 @@ class Completion(unittest.TestCase):
         self.assertEqual(self.complete("morvel smmlan enable --method "), ["static", "dhcp", "dhcp-failover"])
         self.assertEqual(self.complete("morvel smmlan query --output "), ["text", "json"])
         self.assertEqual(self.complete("morvel smmlan query --protocol r"), ["redfish"])
+        self.assertEqual(self.complete("morvel smmlan query --redfish-auth "), ["basic", "session"])
+        self.assertEqual(self.complete("morvel smmlan query --redfish-auth=s"), ["--redfish-auth=session"])
         self.assertEqual(self.complete("morvel smmlan query --fanout "), [])
 
     def test_value_after_equals(self):
