@@ -100,6 +100,7 @@ TargetOutcome FleetRunner::RunOne(size_t index) {
     outcome.protocol = run.ServedBy();
     outcome.state = run.State();
     outcome.console = run.ConsoleLines();
+    outcome.logout = run.Logout();
     outcome.elapsedMs = MillisecondsSince(start);
     return outcome;
 }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,6 +27,7 @@ struct TargetOutcome {
     Plexum::ObservedState state;
     std::vector<Plexum::ConsoleLine> console;
     int64_t elapsedMs = 0;
+    std::optional<Plexum::SessionLogout> logout;  // once a Redfish session was opened (--redfish-auth session)
 
     bool Succeeded() const { return !interrupted && result == 0; }
 };
