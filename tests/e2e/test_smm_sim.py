@@ -201,7 +201,7 @@ class SessionService(E2ETestCase):
                          ['{"UserName":"admin"}', "*", '{"UserName":"admin","Password":"*"}'])
 
     def test_services_without_sessions_and_logouts_that_fail(self):
-        cases = [("absent", 404), ("nopost", 405)]
+        cases = [("absent", 404), ("nopost", 405), ("refuse", 403)]
         for knob, status in cases:
             sim = self.start_sim(SESSION_SERVICE=knob)
             self.assertEqual(self.login(sim)[:3], (status, None, None), knob)

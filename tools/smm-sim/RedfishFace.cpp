@@ -314,6 +314,10 @@ void PostSession(const httplib::Request& req, httplib::Response& res) {
         SetJson(res, 405, ErrorBody("Base.1.0.OperationNotAllowed", "Method not allowed."));
         return;
     }
+    if (k.sessionService == "refuse") {
+        SetJson(res, 403, ErrorBody("Base.1.0.InsufficientPrivilege", "Sessions are not allowed for this user."));
+        return;
+    }
     rapidjson::Document doc;
     doc.Parse<rapidjson::kParseIterativeFlag>(req.body.c_str(), req.body.size());
     const rapidjson::Value* user = !doc.HasParseError() && doc.IsObject() ? StringMember(doc, "UserName") : nullptr;

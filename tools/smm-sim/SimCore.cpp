@@ -233,7 +233,7 @@ bool LoadKnobs(const std::string& path, Knobs& k, std::string& error) {
         else if (key == "SESSION_SERVICE") {
             k.sessionService = Trim(value);
             ok = k.sessionService == "on" || k.sessionService == "absent" || k.sessionService == "nopost" ||
-                 k.sessionService == "notoken";
+                 k.sessionService == "notoken" || k.sessionService == "refuse";
         } else if (key == "SESSION_LIMIT") {
             ok = ParseUnsigned(value, 1000000, n);
             k.sessionLimit = static_cast<unsigned>(n);

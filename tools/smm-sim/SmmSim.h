@@ -47,7 +47,7 @@ struct Knobs {
     std::string ipv4Text;
     std::string ipv4Kind = "string";  // string | absent | number
     std::string patchBody;
-    std::string sessionService = "on";  // on | absent | nopost | notoken
+    std::string sessionService = "on";  // on | absent | nopost | notoken | refuse
     std::string patchHold;              // a PATCH waits until this file exists (empty: never)
 
     int watchPid = 0;  // exit when this process is gone (0: never)
