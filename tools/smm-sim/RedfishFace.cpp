@@ -180,19 +180,22 @@ bool Gate(const httplib::Request& req, httplib::Response& res) {
     return false;
 }
 
+// The first members of a record line about a request: its face, method and path.
+void WriteRequestHead(JsonWriter& w, const char* face, const httplib::Request& req) {
+    w.Key("face");
+    w.String(face);
+    w.Key("method");
+    w.String(req.method.c_str());
+    w.Key("path");
+    w.String(req.path.c_str());
+}
+
 // PATCH_HOLD: waits until its file exists, so that a test decides when the
 // answer leaves; the hold itself is recorded when it begins.
 void HoldPatch(const httplib::Request& req) {
     const std::string& release = Sim::Instance().knobs().patchHold;
     if (release.empty()) return;
-    Sim::Instance().Record([&](JsonWriter& w) {
-        w.Key("face");
-        w.String("hold");
-        w.Key("method");
-        w.String(req.method.c_str());
-        w.Key("path");
-        w.String(req.path.c_str());
-    });
+    Sim::Instance().Record([&](JsonWriter& w) { WriteRequestHead(w, "hold", req); });
     for (int waited = 0; waited < kMaxHoldSeconds * 50 && ::access(release.c_str(), F_OK) != 0; ++waited) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
@@ -429,12 +432,7 @@ void RecordExchange(const httplib::Request& req, const httplib::Response& res) {
     const bool hasToken = req.has_header(kTokenHeader);
     const unsigned session = hasToken ? Sim::Instance().Sessions().Named(req.get_header_value(kTokenHeader)) : 0;
     Sim::Instance().Record([&](JsonWriter& w) {
-        w.Key("face");
-        w.String("redfish");
-        w.Key("method");
-        w.String(req.method.c_str());
-        w.Key("path");
-        w.String(req.path.c_str());
+        WriteRequestHead(w, "redfish", req);
         w.Key("target");
         w.String(req.target.c_str());
         w.Key("body");
