@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "host/RunPolicy.h"
 
+#include <optional>
 #include <string>
 
 #include "common/result/ResultCodes.h"
@@ -13,23 +14,27 @@ namespace {
 
 const char* const kSource = "src/host/RunPolicy";
 
-// What a session login that opened no session says: the text, then its HTTP status, then the hint.
-struct LoginRefusal {
-    Plexum::LoginFailure failure;
-    const int* code;
-    const char* text;
-    const char* hint;
-};
-const LoginRefusal kLoginRefusals[] = {
-    {Plexum::LoginFailure::Refused, &RESULT_AUTHENTICATION_FAILED,
-     "the SMM's Redfish service refused the session login for the user or password", ""},
-    {Plexum::LoginFailure::NoSessionService, &RESULT_GENERIC_FAILURE,
-     "the SMM's Redfish service offers no session login", "; --redfish-auth basic needs none"},
-    {Plexum::LoginFailure::NoToken, &RESULT_GENERIC_FAILURE,
-     "the SMM's Redfish service answered the session login without a session token",
-     "; --redfish-auth basic needs none"},
-    {Plexum::LoginFailure::NotOpened, &RESULT_GENERIC_FAILURE, "the SMM's Redfish service opened no session", ""},
-};
+// What --protocol redfish says of a session login that opened no session;
+// nothing when the last answer was no login's. `status` is " (HTTP N)".
+std::optional<MorvelResult> LoginRefused(Plexum::LoginFailure failure, const std::string& only, const std::string& status) {
+    const std::string service = only + "the SMM's Redfish service ";
+    const std::string basicNeedsNone = "; --redfish-auth basic needs none.";
+    switch (failure) {
+        case Plexum::LoginFailure::Refused:
+            return MorvelResult(RESULT_AUTHENTICATION_FAILED,
+                                service + "refused the session login for the user or password" + status + ".");
+        case Plexum::LoginFailure::NoSessionService:
+            return MorvelResult(RESULT_GENERIC_FAILURE, service + "offers no session login" + status + basicNeedsNone);
+        case Plexum::LoginFailure::NoToken:
+            return MorvelResult(RESULT_GENERIC_FAILURE,
+                                service + "answered the session login without a session token" + status + basicNeedsNone);
+        case Plexum::LoginFailure::NotOpened:
+            return MorvelResult(RESULT_GENERIC_FAILURE, service + "opened no session" + status + ".");
+        case Plexum::LoginFailure::None:
+            break;
+    }
+    return std::nullopt;
+}
 
 // Why the Redfish service did not serve, from its last answer.
 MorvelResult RedfishDidNotServe(const Plexum::RedfishOutcome& outcome) {
@@ -39,9 +44,7 @@ MorvelResult RedfishDidNotServe(const Plexum::RedfishOutcome& outcome) {
         return MorvelResult(RESULT_CONNECTION_FAILED, only + "the SMM's Redfish service cannot be reached: " + outcome.error);
     }
     const std::string status = " (HTTP " + std::to_string(outcome.httpCode) + ")";
-    for (const LoginRefusal& refusal : kLoginRefusals) {
-        if (refusal.failure == outcome.login) return MorvelResult(*refusal.code, only + refusal.text + status + refusal.hint + ".");
-    }
+    if (std::optional<MorvelResult> refused = LoginRefused(outcome.login, only, status)) return *refused;
     if (outcome.httpCode == 401 || outcome.httpCode == 403) {
         return MorvelResult(RESULT_AUTHENTICATION_FAILED, only + "the SMM's Redfish service refused the user or password" + status + ".");
     }

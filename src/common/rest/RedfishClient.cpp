@@ -52,7 +52,7 @@ void RedfishClient::Sleep(int64_t milliseconds) const {
         Plexum::RunContext::Current().Sleep(static_cast<uint64_t>(milliseconds));
 }
 
-int64_t RedfishClient::Now() const {
+int64_t RedfishClient::Now() {
     if (m_clock) return m_clock();
     return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch())
         .count();

@@ -89,7 +89,7 @@ private:
     template <typename Operation>
     Response Sent(const std::string& url, Operation attempt);
     void Sleep(int64_t milliseconds) const;
-    int64_t Now() const;
+    int64_t Now();
     // Session mode: the session opened before the first request; the reply of
     // a login that opened none, which then stands for the request's.
     std::optional<Response> Authenticate(const std::string& url);
