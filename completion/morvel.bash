@@ -7,7 +7,7 @@
 # split them; what is offered is cut back to the part readline replaces.
 
 _morvel_host_options='--config --log-file --log-level --password-file --show-config --help --version'
-_morvel_smmlan_options='--bmc --bmc-file --method --fanout --output --always-prefix --detect-timeout --max-auth-failures --canary --max-failures --retry-file --protocol --tls-verify --cacert --known-smms --credentials-file --password-command --password-file --help'
+_morvel_smmlan_options='--bmc --bmc-file --method --fanout --output --always-prefix --detect-timeout --max-auth-failures --canary --max-failures --retry-file --protocol --redfish-auth --tls-verify --cacert --known-smms --credentials-file --password-command --password-file --help'
 _morvel_trust_options='--known-smms --yes --help'
 
 # The hosts of the known-SMMs file (first field of each line), one a line.
@@ -44,6 +44,7 @@ _morvel_value() {
         --method) _morvel_offer $'static\ndhcp\ndhcp-failover' "$cur" ;;
         --output) _morvel_offer $'text\njson\ntable' "$cur" ;;
         --protocol) _morvel_offer $'auto\nredfish\nipmi' "$cur" ;;
+        --redfish-auth) _morvel_offer $'basic\nsession' "$cur" ;;
         --tls-verify) _morvel_offer $'none\nca\npin\ntofu' "$cur" ;;
         --password-command)
             local IFS=$'\n'
@@ -67,8 +68,8 @@ _morvel_value() {
 _morvel_takes_value() {
     case $1 in
         --config | --log-file | --log-level | --password-file | --bmc | --bmc-file | --method | --fanout | \
-            --output | --protocol | --tls-verify | --cacert | --known-smms | --credentials-file | --password-command | \
-            --detect-timeout | --max-auth-failures | --canary | --max-failures | --retry-file)
+            --output | --protocol | --redfish-auth | --tls-verify | --cacert | --known-smms | --credentials-file | \
+            --password-command | --detect-timeout | --max-auth-failures | --canary | --max-failures | --retry-file)
             return 0 ;;
     esac
     return 1

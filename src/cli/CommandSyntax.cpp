@@ -16,6 +16,7 @@ constexpr const char* kLogLevels[] = {"0", "1", "2", "3", "4", nullptr};
 constexpr const char* kOutputs[] = {"text", "json", "table", nullptr};
 constexpr const char* kProtocols[] = {"auto", "redfish", "ipmi", nullptr};
 constexpr const char* kTlsModes[] = {"none", "ca", "pin", "tofu", nullptr};
+constexpr const char* kRedfishAuths[] = {"basic", "session", nullptr};
 
 constexpr char kTargets[] = "Targets";
 constexpr char kMany[] = "Runs over many SMMs";
@@ -91,6 +92,9 @@ const std::vector<OptionDeclaration>& SmmTargetOptions() {
          "write the SMMs that did not succeed to FILE, one USER@HOST line each, for --bmc-file"},
         {"protocol", "auto|redfish|ipmi", kProtocols, true, false, kTrust,
          "Redfish first, then IPMI (default); or only the one named"},
+        {"redfish-auth", "basic|session", kRedfishAuths, true, false, kTrust,
+         "how Redfish requests authenticate: the password on each (basic, default), or a session's token: one "
+         "login and one logout more per SMM"},
         {"tls-verify", "none|ca|pin|tofu", kTlsModes, true, false, kTrust,
          "how the SMM's certificate is trusted (default none); see --cacert, --known-smms"},
         {"cacert", "FILE", nullptr, false, false, kTrust,

@@ -49,6 +49,7 @@ const std::vector<KnownConfigKey>& KnownConfigKeys() {
         {"IPMI_SESSION_TIMEOUT_MS", "20000", nullptr},
         {"IPMI_RETRANSMISSION_TIMEOUT_MS", "1000", nullptr},
         {"SMM_PROTOCOL", "auto", nullptr},
+        {"REDFISH_AUTH", "basic", nullptr},
         {"REDFISH_TLS_VERIFY", "none", nullptr},
         {"REDFISH_CA_FILE", nullptr, "the system's CA certificates"},
         {"REDFISH_KNOWN_SMMS", nullptr, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"},

@@ -47,10 +47,23 @@ RunSettingsRead Refuse(const std::string& error) {
     return read;
 }
 
+// --redfish-auth, else REDFISH_AUTH, else Basic; an error line, or empty.
+std::string ReadRedfishAuth(const CommandLine& line, Plexum::RedfishAuth& auth) {
+    std::string from;
+    const std::string chosen = Chosen(line, "redfish-auth", "REDFISH_AUTH", from);
+    if (from.empty() || Pick<Plexum::RedfishAuth>(chosen, {{"basic", Plexum::RedfishAuth::Basic},
+                                                           {"session", Plexum::RedfishAuth::Session}},
+                                                  auth)) {
+        return std::string();
+    }
+    return from + " must be basic or session";
+}
+
 }  // namespace
 
 void RunSettings::ApplyTo(Plexum::RunContext& run, const Target& target) const {
     run.ChooseProtocols(protocols);
+    run.ChooseRedfishAuth(redfishAuth);
     Plexum::TrustSettings forTarget = trust;
     forTarget.key = Trust::KnownSmms::Key(target.bmc.host, target.bmc.ipv6, target.bmc.port);
     if (knownSmms) Trust::ResolvePins(knownSmms, forTarget);
@@ -68,6 +81,9 @@ RunSettingsRead ReadRunSettings(const CommandLine& line, const Plexum::UserLooku
                                                         settings.protocols)) {
         return Refuse(from + " must be auto, redfish or ipmi");
     }
+
+    const std::string authError = ReadRedfishAuth(line, settings.redfishAuth);
+    if (!authError.empty()) return Refuse(authError);
 
     const std::string verify = Chosen(line, "tls-verify", "REDFISH_TLS_VERIFY", from);
     if (!from.empty() &&

@@ -24,6 +24,7 @@ using Fleet::Target;
 // written in --bmc come from. Each comes from a command option, else its
 // configuration key (or environment variable), else its default:
 //   --protocol auto|redfish|ipmi        SMM_PROTOCOL                  auto
+//   --redfish-auth basic|session        REDFISH_AUTH                  basic
 //   --tls-verify none|ca|pin|tofu       REDFISH_TLS_VERIFY            none
 //   --cacert FILE                       REDFISH_CA_FILE               the system's CA store
 //   --known-smms FILE                   REDFISH_KNOWN_SMMS            $XDG_STATE_HOME/morvel/known_smms
@@ -31,14 +32,15 @@ using Fleet::Target;
 //   --password-command CMD              $MORVEL_PASSWORD_COMMAND      none
 struct RunSettings {
     Plexum::ProtocolChoice protocols = Plexum::ProtocolChoice::Auto;
+    Plexum::RedfishAuth redfishAuth = Plexum::RedfishAuth::Basic;
     Plexum::TrustSettings trust;  // its key is set per target
     // pin, tofu: the known-SMMs file, read once for the run and shared by its targets.
     std::shared_ptr<Trust::KnownSmms> knownSmms;
     std::optional<MorvelCli::CredentialsFile> credentials;
     std::optional<MorvelCli::PasswordCommand> passwordCommand;
 
-    // Installs the protocol choice and trust settings of `target` into `run`,
-    // with its pin from knownSmms.
+    // Installs the protocol choice, Redfish authentication and trust settings
+    // of `target` into `run`, with its pin from knownSmms.
     void ApplyTo(Plexum::RunContext& run, const Target& target) const;
 };
 

@@ -105,6 +105,20 @@ void WriteState(JsonWriter& json, const Plexum::ObservedState& state) {
     json.EndObject();
 }
 
+// {"ok": true, "error": null}, or {"ok": false, "error": why}.
+void WriteLogout(JsonWriter& json, const Plexum::SessionLogout& logout) {
+    json.StartObject();
+    json.Key("ok");
+    json.Bool(logout.done);
+    json.Key("error");
+    if (logout.done) {
+        json.Null();
+    } else {
+        WriteText(json, logout.error);
+    }
+    json.EndObject();
+}
+
 std::string ResultMessage(const TargetOutcome& outcome) {
     if (outcome.interrupted) return InterruptedText(outcome.changeSent);
     return outcome.failure.empty() ? outcome.result.Message() : outcome.failure;
@@ -314,6 +328,10 @@ void JsonLinesReport::TargetEnded(const TargetOutcome& outcome) {
     json.StartArray();
     for (const OutputLine& line : OutputLines(outcome.console)) WriteText(json, line.text);
     json.EndArray();
+    if (outcome.logout) {
+        json.Key("session_logout");
+        WriteLogout(json, *outcome.logout);
+    }
     json.EndObject();
     m_out << buffer.GetString() << '\n' << std::flush;
 }

@@ -139,6 +139,7 @@ TargetOutcome FleetRunner::RunOne(size_t index) {
     outcome.state = run.State();
     outcome.credentials = run.Credentials();
     outcome.console = run.ConsoleLines();
+    outcome.logout = run.Logout();
     outcome.elapsedMs = MillisecondsSince(start);
     return outcome;
 }

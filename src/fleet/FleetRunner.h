@@ -36,6 +36,7 @@ struct TargetOutcome {
     Plexum::CredentialsVerdict credentials = Plexum::CredentialsVerdict::Untried;
     std::vector<Plexum::ConsoleLine> console;
     int64_t elapsedMs = 0;
+    std::optional<Plexum::SessionLogout> logout;  // once a Redfish session was opened (--redfish-auth session)
 
     bool Succeeded() const { return !interrupted && result == 0; }
 };

@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Plexum {
@@ -66,12 +67,27 @@ struct TrustSettings {
     std::function<PinRecording(const std::string& pin)> recordFirstPin;
 };
 
+// How Redfish requests authenticate (--redfish-auth): HTTP Basic on every
+// request, or one session: a login, its token on every request, a logout.
+enum class RedfishAuth { Basic, Session };
+
+// Why a session login opened no session: the user or password refused (401,
+// 403), no session service (404, 405), no token in a success, or another answer.
+enum class LoginFailure { None, Refused, NoSessionService, NoToken, NotOpened };
+
 // The last answer of the SMM's Redfish service in a run, for saying why it did not serve.
 struct RedfishOutcome {
     bool tried = false;
     int32_t curlCode = 0;
     int32_t httpCode = 0;
     std::string error;  // libcurl's text when the transfer failed
+    LoginFailure login = LoginFailure::None;  // set when the answer was a session login's
+};
+
+// How the run's Redfish session ended, once one was opened.
+struct SessionLogout {
+    bool done = false;  // the service deleted the session
+    std::string error;  // why not, in one line
 };
 enum class NetworkState { Unread, Enabled, Disabled, Unknown };
 
@@ -140,6 +156,8 @@ public:
     // What the host chose for this run (--protocol, --tls-verify and friends).
     void ChooseProtocols(ProtocolChoice protocols) { m_protocols = protocols; }
     ProtocolChoice Protocols() const { return m_protocols; }
+    void ChooseRedfishAuth(RedfishAuth auth) { m_redfishAuth = auth; }
+    RedfishAuth RedfishAuthMode() const { return m_redfishAuth; }
     void SetTrust(TrustSettings trust) { m_trust = std::move(trust); }
     const TrustSettings& Trust() const { return m_trust; }
     // The pin recorded for the target during the run (tofu): its next transfers are held to it.
@@ -162,11 +180,14 @@ public:
     void NoteChangeSent() { m_changeSent = true; }
     // The SMM accepted or refused the credentials; an acceptance stands over any refusal.
     void NoteCredentials(bool accepted);
+    void NoteSessionLogout(SessionLogout logout) { m_logout = std::move(logout); }
 
     Protocol ServedBy() const { return m_protocol; }
     const ObservedState& State() const { return m_state; }
     bool ChangeSent() const { return m_changeSent; }
     CredentialsVerdict Credentials() const { return m_credentials; }
+    // Empty while no Redfish session was opened.
+    const std::optional<SessionLogout>& Logout() const { return m_logout; }
 
 private:
     bool m_buffered = false;
@@ -175,6 +196,7 @@ private:
     std::vector<ConsoleLine> m_console;
     int32_t m_startupWaitSeconds = 0;
     ProtocolChoice m_protocols = ProtocolChoice::Auto;
+    RedfishAuth m_redfishAuth = RedfishAuth::Basic;
     TrustSettings m_trust;
     std::string m_trustFailure;
     RedfishOutcome m_redfish;
@@ -183,6 +205,7 @@ private:
     bool m_changeSent = false;
     CredentialsVerdict m_credentials = CredentialsVerdict::Untried;
     RunObserver* m_observer = nullptr;
+    std::optional<SessionLogout> m_logout;
 };
 
 // Installs a context for the calling thread while it lives.

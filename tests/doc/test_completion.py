@@ -16,7 +16,7 @@ SCRIPT = os.path.join(os.environ["MORVEL_SOURCE_DIR"], "completion", "morvel.bas
 DEFAULT_BREAKS = " \t\n\"'><=;|&(:@"
 HOST_OPTIONS = ["--config", "--log-file", "--log-level", "--password-file", "--show-config", "--help", "--version"]
 SMMLAN_OPTIONS = ["--bmc", "--bmc-file", "--method", "--fanout", "--output", "--always-prefix", "--detect-timeout",
-                  "--max-auth-failures", "--canary", "--max-failures", "--retry-file", "--protocol",
+                  "--max-auth-failures", "--canary", "--max-failures", "--retry-file", "--protocol", "--redfish-auth",
                   "--tls-verify", "--cacert", "--known-smms", "--credentials-file", "--password-command",
                   "--password-file", "--help"]
 
@@ -90,6 +90,8 @@ class Completion(unittest.TestCase):
         self.assertEqual(self.complete("morvel smmlan enable --method "), ["static", "dhcp", "dhcp-failover"])
         self.assertEqual(self.complete("morvel smmlan query --output "), ["text", "json", "table"])
         self.assertEqual(self.complete("morvel smmlan query --protocol r"), ["redfish"])
+        self.assertEqual(self.complete("morvel smmlan query --redfish-auth "), ["basic", "session"])
+        self.assertEqual(self.complete("morvel smmlan query --redfish-auth=s"), ["--redfish-auth=session"])
         self.assertEqual(self.complete("morvel smmlan query --fanout "), [])
 
     def test_value_after_equals(self):

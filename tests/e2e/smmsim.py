@@ -422,11 +422,11 @@ class Sim:
     def redfish_port(self):
         return int(self.knobs.get("REDFISH_PORT", "443"))
 
-    def chassis(self, method="GET", body=None, user=None, password=None, host=None, headers=None):
+    def chassis(self, method="GET", body=None, user=None, password=None, host=None, headers=None, timeout=10):
         """A request to /redfish/v1/Chassis/2 with this simulator's credentials: (status, headers, body)."""
         return https_request(host or self.address, self.redfish_port, method, "/redfish/v1/Chassis/2", body,
                              self.user if user is None else user, self.password if password is None else password,
-                             headers)
+                             headers, timeout)
 
     def bmc(self, user=None, password=None, host=None, port=None):
         """The --bmc value USER:PASSWORD@HOST[:PORT] for this simulator."""
@@ -518,6 +518,24 @@ class Sim:
     def redfish_requests(self):
         """[(method, path, body)] of every HTTPS request, in order."""
         return [(r["method"], r["path"], r["body"]) for r in self.records("redfish")]
+
+    def session_events(self):
+        """[(event, session id, sessions open after it)] of the session service, in order."""
+        return [(r["event"], r["session"], r["open"]) for r in self.records("session")]
+
+    def sessions_open(self):
+        """How many sessions the session service holds now (0 before the first)."""
+        events = self.records("session")
+        return events[-1]["open"] if events else 0
+
+    def holds(self):
+        """The PATCHes that PATCH_HOLD is holding or held, in order (their record lines)."""
+        return self.records("hold")
+
+    def release_patches(self):
+        """Lets every held PATCH go on, and the later ones through: makes PATCH_HOLD's file."""
+        with open(self.knobs["PATCH_HOLD"], "w", encoding="utf-8"):
+            pass
 
     def state(self):
         """The saved state: {"STATUS": 1, "READS_LEFT": 0, "METHOD": 0, ["PENDING": n]}."""

@@ -312,6 +312,26 @@ class Options(AnsibleCase):
         self.assertIn(("f1", "01"), sims[1].ipmi_requests())
 
 
+    def test_redfish_auth_session_logs_in_and_out_of_smms_that_refuse_basic(self):
+        sims, addresses = self.smms([{"PASSWORD": PASSWORD, "INITIAL_STATUS": 2, "REDFISH_BASIC": "off"},
+                                     {"PASSWORD": PASSWORD, "INITIAL_STATUS": 1, "REDFISH_BASIC": "off"}])
+        inventory, _ = self.inventory(addresses)
+        result = self.play(inventory, self.playbook(SMMLAN + "    redfish_auth: session\n"))
+        self.assertEqual(result.returncode, 0, result.describe())
+        self.assertEqual(recap(result.stdout), {"smm00": (1, 1, 0, 0, 0), "smm01": (1, 0, 0, 0, 0)})
+        sessions = "/redfish/v1/SessionService/Sessions"
+        # The query and the change each over a session of their own, each logged out.
+        self.assertEqual([(method, path) for method, path, _ in sims[0].redfish_requests()],
+                         [("POST", sessions), ("GET", "/redfish/v1/Chassis/2"), ("DELETE", sessions + "/1"),
+                          ("POST", sessions), ("GET", "/redfish/v1/Chassis/2"), ("PATCH", "/redfish/v1/Chassis/2"),
+                          ("DELETE", sessions + "/2")])
+        self.assertEqual([r[0] for r in sims[1].redfish_requests()], ["POST", "GET", "DELETE"])
+        self.assertEqual([sim.sessions_open() for sim in sims], [0, 0])
+        self.assertEqual([sim.ipmi_requests() for sim in sims], [[], []])
+        rows = {row["host"]: row for row in map(json.loads, open(self.dump, encoding="utf-8"))}
+        self.assertEqual(rows["smm00"]["result"]["record"]["session_logout"], {"ok": True, "error": None})
+
+
 class Documentation(AnsibleCase):
     def test_ansible_doc_renders_every_option_return_value_and_example(self):
         env = self.env({"ANSIBLE_CONFIG": self.ansible_cfg, "ANSIBLE_COLLECTIONS_PATH": self.collections})
@@ -320,8 +340,8 @@ class Documentation(AnsibleCase):
         described = run_command(["ansible-doc", "--json", "morvel.smm.smmlan"], env=env)
         self.assertEqual(described.returncode, 0, described.describe())
         doc = json.loads(described.stdout)["morvel.smm.smmlan"]
-        options = {"bmc", "username", "password", "network", "ipmi_over_lan", "method", "protocol", "tls_verify",
-                   "cacert", "known_smms", "config", "timeout", "morvel_path"}
+        options = {"bmc", "username", "password", "network", "ipmi_over_lan", "method", "protocol", "redfish_auth",
+                   "tls_verify", "cacert", "known_smms", "config", "timeout", "morvel_path"}
         self.assertEqual(set(doc["doc"]["options"]), options)
         for name in sorted(options):
             self.assertIn("\n= %s\n" % name if doc["doc"]["options"][name].get("required") else "\n- %s\n" % name,
@@ -331,6 +351,6 @@ class Documentation(AnsibleCase):
         # Every example is a task of this module with documented options only.
         import yaml
         examples = yaml.safe_load(doc["examples"])
-        self.assertEqual(len(examples), 4)
+        self.assertEqual(len(examples), 5)
         for task in examples:
             self.assertLessEqual(set(task["morvel.smm.smmlan"]), options, task)

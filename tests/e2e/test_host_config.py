@@ -51,6 +51,7 @@ DEFAULTS = [
     ("IPMI_SESSION_TIMEOUT_MS", "20000"),
     ("IPMI_RETRANSMISSION_TIMEOUT_MS", "1000"),
     ("SMM_PROTOCOL", "auto"),
+    ("REDFISH_AUTH", "basic"),
     ("REDFISH_TLS_VERIFY", "none"),
     ("REDFISH_CA_FILE", None, "the system's CA certificates"),
     ("REDFISH_KNOWN_SMMS", None, "$XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms"),
@@ -71,6 +72,7 @@ ALL_DEFAULTS = (
     "# built-in default\nIPMI_SESSION_TIMEOUT_MS=20000\n"
     "# built-in default\nIPMI_RETRANSMISSION_TIMEOUT_MS=1000\n"
     "# built-in default\nSMM_PROTOCOL=auto\n"
+    "# built-in default\nREDFISH_AUTH=basic\n"
     "# built-in default\nREDFISH_TLS_VERIFY=none\n"
     "# built-in default: unset (the system's CA certificates)\n#REDFISH_CA_FILE=\n"
     "# built-in default: unset ($XDG_STATE_HOME/morvel/known_smms, else ~/.local/state/morvel/known_smms)\n"

@@ -4,9 +4,10 @@
 import json
 import os
 import socket
+import threading
 import unittest
 
-from smmsim import SMM_SIM, E2ETestCase, Sim, UdpBlackhole, run_command
+from smmsim import SMM_SIM, E2ETestCase, Sim, UdpBlackhole, https_request, run_command
 
 WORKAROUND = {"IPMI_WORKAROUND_FLAGS": "opensesspriv"}
 ENABLE_BODY = '{"Oem": {"Qarvon": { " LANEnabled" : true}}}'
@@ -134,6 +135,104 @@ class RedfishFace(E2ETestCase):
         sim = self.start_sim(REDFISH="off")
         with socket.socket() as s:
             self.assertNotEqual(s.connect_ex((sim.address, 443)), 0)
+
+
+SESSIONS = "/redfish/v1/SessionService/Sessions"
+
+
+class SessionService(E2ETestCase):
+    def login(self, sim, user="admin", password="secret"):
+        """POST of the credentials: (status, token or None, Location or None, body)."""
+        body = json.dumps({"UserName": user, "Password": password})
+        status, headers, text = https_request(sim.address, sim.redfish_port, "POST", SESSIONS, body,
+                                              headers={"Content-Type": "application/json"})
+        return status, headers.get("X-Auth-Token"), headers.get("Location"), text
+
+    def with_token(self, sim, method, path, token, body=None):
+        return https_request(sim.address, sim.redfish_port, method, path, body, headers={"X-Auth-Token": token})[0]
+
+    def test_a_session_from_login_to_logout_with_basic_off(self):
+        sim = self.start_sim(REDFISH_BASIC="off", PASSWORD="s3ss:pw")
+        self.assertEqual(sim.chassis()[0], 401)
+        status, token, location, body = self.login(sim, password="s3ss:pw")
+        self.assertEqual((status, location), (201, SESSIONS + "/1"))
+        self.assertRegex(token, r"^[0-9a-f]{32}$")
+        self.assertEqual(json.loads(body), {"@odata.id": SESSIONS + "/1", "Id": "1", "Name": "User Session",
+                                            "UserName": "admin"})
+        self.assertEqual(self.with_token(sim, "GET", "/redfish/v1/Chassis/2", token), 200)
+        self.assertEqual(self.with_token(sim, "PATCH", "/redfish/v1/Chassis/2", token, ENABLE_BODY), 200)
+        self.assertEqual(self.with_token(sim, "DELETE", location, "not-a-token"), 401)
+        self.assertEqual(self.with_token(sim, "DELETE", location, token), 204)
+        # Deleted: the token is dead, and the session gone.
+        self.assertEqual(self.with_token(sim, "GET", "/redfish/v1/Chassis/2", token), 401)
+        self.assertEqual(sim.chassis("DELETE", None)[0], 405)
+        self.assertEqual(sim.session_events(), [("created", "1", 1), ("deleted", "1", 0)])
+        self.assertEqual(sim.sessions_open(), 0)
+        rows = sim.records("redfish")
+        self.assertEqual([(r["method"], r["status"], r.get("token")) for r in rows],
+                         [("GET", 401, None), ("POST", 201, None), ("GET", 200, "1"), ("PATCH", 200, "1"),
+                          ("DELETE", 401, "unknown"), ("DELETE", 204, "1"), ("GET", 401, "1"), ("DELETE", 405, None)])
+        self.assertEqual(rows[1]["body"], '{"UserName":"admin","Password":"*"}')
+        with open(os.path.join(sim.dir, "record.jsonl"), encoding="utf-8") as f:
+            text = f.read()
+        self.assertNotIn("s3ss:pw", text)
+        self.assertNotIn(token, text)
+
+    def test_the_session_limit_and_refused_logins(self):
+        sim = self.start_sim(SESSION_LIMIT=2)
+        first, second = self.login(sim), self.login(sim)
+        self.assertEqual([first[0], second[0]], [201, 201])
+        status, token, _, body = self.login(sim)
+        self.assertEqual((status, token), (503, None))
+        self.assertEqual(json.loads(body)["error"]["code"], "Base.1.0.SessionLimitExceeded")
+        self.assertEqual(self.login(sim, password="wrong")[0], 401)
+        self.assertEqual(https_request(sim.address, 443, "POST", SESSIONS, '{"UserName": "admin"}')[0], 400)
+        self.assertEqual(https_request(sim.address, 443, "POST", SESSIONS, "[")[0], 400)
+        self.assertEqual(self.with_token(sim, "DELETE", second[2], first[1]), 204)
+        self.assertEqual(self.login(sim)[0], 201)
+        # Basic stays on by default, for the chassis and for a logout.
+        self.assertEqual(sim.chassis()[0], 200)
+        self.assertEqual(https_request(sim.address, 443, "DELETE", first[2], user="admin", password="secret")[0], 204)
+        self.assertEqual(sim.session_events(), [("created", "1", 1), ("created", "2", 2), ("deleted", "2", 1),
+                                                ("created", "3", 2), ("deleted", "1", 1)])
+        self.assertEqual(sim.sessions_open(), 1)
+        self.assertEqual([r["body"] for r in sim.records("redfish") if r["method"] == "POST"],
+                         ['{"UserName":"admin","Password":"*"}'] * 4 +
+                         ['{"UserName":"admin"}', "*", '{"UserName":"admin","Password":"*"}'])
+
+    def test_services_without_sessions_and_logouts_that_fail(self):
+        cases = [("absent", 404), ("nopost", 405), ("refuse", 403)]
+        for knob, status in cases:
+            sim = self.start_sim(SESSION_SERVICE=knob)
+            self.assertEqual(self.login(sim)[:3], (status, None, None), knob)
+            self.assertEqual(sim.session_events(), [])
+        sim = self.start_sim(SESSION_SERVICE="notoken")
+        self.assertEqual(self.login(sim)[:3], (201, None, None))
+        self.assertEqual(sim.session_events(), [])
+        sim = self.start_sim(SESSION_DELETE_STATUS=500)
+        _, token, location, _ = self.login(sim)
+        self.assertEqual(self.with_token(sim, "DELETE", location, token), 500)
+        self.assertEqual(self.with_token(sim, "GET", "/redfish/v1/Chassis/2", token), 200)
+        self.assertEqual(sim.sessions_open(), 1)
+
+    def test_patch_hold_keeps_the_answer_until_released(self):
+        release = os.path.join(self.tmp, "release")
+        sim = self.start_sim(PATCH_HOLD=release, INITIAL_STATUS=2)
+        answers = []
+        patch = threading.Thread(target=lambda: answers.append(sim.chassis("PATCH", ENABLE_BODY, timeout=600)[0]))
+        patch.start()
+        while not sim.holds():
+            self.assertTrue(patch.is_alive())
+            threading.Event().wait(0.05)
+        self.assertEqual((answers, [r["method"] for r in sim.records("redfish")]), ([], []))
+        self.assertEqual(sim.holds()[0]["path"], "/redfish/v1/Chassis/2")
+        sim.release_patches()
+        patch.join(600)
+        self.assertEqual(answers, [200])
+        self.assertEqual(sim.state()["STATUS"], 1)
+        # Released for good: the next one goes straight through.
+        self.assertEqual(sim.chassis("PATCH", ENABLE_BODY)[0], 200)
+        self.assertEqual(len(sim.holds()), 2)
 
 
 class Launcher(E2ETestCase):

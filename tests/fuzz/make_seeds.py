@@ -76,6 +76,33 @@ headers("status_big_2", "", status=2000000000)
 headers("status_negative", "", status=-200)
 headers("high_bytes", "X-Bin\xff\x80: \xa0\x85value\xa0\r\n")
 
+# --- redfish_login: curl code, status, URL choice, header block, NUL, user, NUL, password
+
+def login(name, block, status=201, curl=0, url=0, user="admin", password="secret"):
+    data = struct.pack("<iiB", curl, status, url) + block.encode("latin-1") + b"\0" + user.encode("latin-1") + b"\0"
+    write("redfish_login", name, data + password.encode("latin-1"))
+
+
+OPENED = "HTTP/1.1 201 Created\r\nX-Auth-Token: 3f6c2a9be10d4c57\r\nLocation: %s\r\n\r\n"
+login("opened_relative", OPENED % "/redfish/v1/SessionService/Sessions/7")
+login("opened_absolute", OPENED % "https://[2001:db8::10]:8443/redfish/v1/SessionService/Sessions/7", url=1)
+login("opened_elsewhere", OPENED % "https://203.0.113.9/redfish/v1/SessionService/Sessions/7")
+login("opened_other_scheme", OPENED % "http://192.0.2.10:443/s/1")
+login("opened_relative_segment", OPENED % "Sessions/8", url=2)
+login("opened_protocol_relative", OPENED % "//elsewhere/s/2")
+login("no_location", "HTTP/1.1 201 Created\r\nX-Auth-Token: abc\r\n\r\n")
+login("lower_case_http2", "HTTP/2 201\r\nx-auth-token: abc\r\nlocation: /s/1\r\n\r\n")
+login("two_cases", "HTTP/1.1 200 OK\r\nX-AUTH-TOKEN: bad token\r\nx-auth-token: good\r\n\r\n", status=200)
+login("no_token", "HTTP/1.1 201 Created\r\nLocation: /s/1\r\n\r\n")
+login("token_control", "HTTP/1.1 201 Created\r\nX-Auth-Token: a\x01b\r\n\r\n")
+login("refused_401", "HTTP/1.1 401 Unauthorized\r\n\r\n", status=401)
+login("refused_403", "HTTP/1.1 403 Forbidden\r\n\r\n", status=403)
+login("absent_404", "HTTP/1.1 404 Not Found\r\n\r\n", status=404)
+login("no_post_405", "HTTP/1.1 405 Method Not Allowed\r\nAllow: GET\r\n\r\n", status=405)
+login("limit_503", "HTTP/1.1 503 Service Unavailable\r\nX-Auth-Token: abc\r\n\r\n", status=503)
+login("timed_out", "", status=-1, curl=28)
+login("hostile_password", "", status=500, user="ad\"min\\", password="p\"a\\s\x01\x7f\xff\xc3\xa9\0nul")
+
 # --- smmlan_ipmi: op, argument, retry choice, sleep choice, script ------------
 GET_STATUS, GET_IP, QUERY_OP, ENABLE, DISABLE, ENABLE_IPMI, SET_METHOD, SET_STATUS, PARSE_METHOD = range(9)
 RETRY_UNSET, RETRY_0, RETRY_1, RETRY_2, RETRY_3 = 0, 1, 2, 3, 4

@@ -8,9 +8,12 @@
 #include <rapidjson/error/en.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cctype>
+#include <chrono>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include "SmmSim.h"
@@ -19,7 +22,11 @@ namespace SmmSim {
 namespace {
 
 constexpr char kChassisPath[] = "/redfish/v1/Chassis/2";
+constexpr char kSessionsPath[] = "/redfish/v1/SessionService/Sessions";
+constexpr char kTokenHeader[] = "X-Auth-Token";
 constexpr char kProbeHeader[] = "X-Smm-Sim-Probe";
+// A held PATCH goes on after this long even when nobody releases it.
+constexpr int kMaxHoldSeconds = 300;
 // Larger bodies are refused before parsing: the face only ever needs a few members.
 constexpr size_t kMaxBody = size_t{64} * 1024;
 
@@ -143,6 +150,22 @@ std::string ChassisBody(uint8_t status) {
     return buffer.GetString();
 }
 
+// The open session the request's X-Auth-Token belongs to, or 0.
+unsigned TokenSession(const httplib::Request& req) {
+    if (!req.has_header(kTokenHeader)) return 0;
+    return Sim::Instance().Sessions().Find(req.get_header_value(kTokenHeader));
+}
+
+// A session's token, or Basic credentials while REDFISH_BASIC is on.
+bool Authenticated(const httplib::Request& req) {
+    return TokenSession(req) != 0 || (Sim::Instance().knobs().redfishBasic && CheckAuth(req).auth == Auth::Ok);
+}
+
+void Unauthorized(httplib::Response& res) {
+    if (Sim::Instance().knobs().redfishBasic) res.set_header("WWW-Authenticate", "Basic realm=\"SMM\"");
+    SetJson(res, 401, ErrorBody("Base.1.0.NoValidSession", "Authentication is required."));
+}
+
 // Answers true when the request was settled here (503 or 401).
 bool Gate(const httplib::Request& req, httplib::Response& res) {
     if (Sim::Instance().Take503()) {
@@ -150,12 +173,32 @@ bool Gate(const httplib::Request& req, httplib::Response& res) {
         SetJson(res, 503, ErrorBody("Base.1.0.ServiceTemporarilyUnavailable", "The service is starting."));
         return true;
     }
-    if (CheckAuth(req).auth != Auth::Ok) {
-        res.set_header("WWW-Authenticate", "Basic realm=\"SMM\"");
-        SetJson(res, 401, ErrorBody("Base.1.0.NoValidSession", "Authentication is required."));
+    if (!Authenticated(req)) {
+        Unauthorized(res);
         return true;
     }
     return false;
+}
+
+// The first members of a record line about a request: its face, method and path.
+void WriteRequestHead(JsonWriter& w, const char* face, const httplib::Request& req) {
+    w.Key("face");
+    w.String(face);
+    w.Key("method");
+    w.String(req.method.c_str());
+    w.Key("path");
+    w.String(req.path.c_str());
+}
+
+// PATCH_HOLD: waits until its file exists, so that a test decides when the
+// answer leaves; the hold itself is recorded when it begins.
+void HoldPatch(const httplib::Request& req) {
+    const std::string& release = Sim::Instance().knobs().patchHold;
+    if (release.empty()) return;
+    Sim::Instance().Record([&](JsonWriter& w) { WriteRequestHead(w, "hold", req); });
+    for (int waited = 0; waited < kMaxHoldSeconds * 50 && ::access(release.c_str(), F_OK) != 0; ++waited) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
 }
 
 void GetChassis(const httplib::Request& req, httplib::Response& res) {
@@ -183,6 +226,7 @@ bool NameIs(const rapidjson::Value& name, const char* wanted) {
 
 void PatchChassis(const httplib::Request& req, httplib::Response& res) {
     if (Gate(req, res)) return;
+    HoldPatch(req);
     Sim& sim = Sim::Instance();
     const Knobs& k = sim.knobs();
     if (k.patchStatus != 0 && (k.patchStatus < 200 || k.patchStatus > 299)) {
@@ -255,6 +299,90 @@ void PatchChassis(const httplib::Request& req, httplib::Response& res) {
     }
 }
 
+// The string member `name` of a JSON object, or null.
+const rapidjson::Value* StringMember(const rapidjson::Value& object, const char* name) {
+    const auto found = object.FindMember(name);
+    return found != object.MemberEnd() && found->value.IsString() ? &found->value : nullptr;
+}
+
+// POST of {"UserName", "Password"}: a session and its token, within SESSION_LIMIT.
+void PostSession(const httplib::Request& req, httplib::Response& res) {
+    const Knobs& k = Sim::Instance().knobs();
+    if (k.sessionService == "absent") {
+        SetJson(res, 404, ErrorBody("Base.1.0.ResourceMissingAtURI", "No resource at " + req.path + "."));
+        return;
+    }
+    if (k.sessionService == "nopost") {
+        res.set_header("Allow", "GET");
+        SetJson(res, 405, ErrorBody("Base.1.0.OperationNotAllowed", "Method not allowed."));
+        return;
+    }
+    if (k.sessionService == "refuse") {
+        SetJson(res, 403, ErrorBody("Base.1.0.InsufficientPrivilege", "Sessions are not allowed for this user."));
+        return;
+    }
+    rapidjson::Document doc;
+    doc.Parse<rapidjson::kParseIterativeFlag>(req.body.c_str(), req.body.size());
+    const rapidjson::Value* user = !doc.HasParseError() && doc.IsObject() ? StringMember(doc, "UserName") : nullptr;
+    const rapidjson::Value* password = user != nullptr ? StringMember(doc, "Password") : nullptr;
+    if (password == nullptr) {
+        SetJson(res, 400, ErrorBody("Base.1.0.PropertyMissing", "UserName and Password are required."));
+        return;
+    }
+    const std::string name(user->GetString(), user->GetStringLength());
+    if (name != k.user || std::string(password->GetString(), password->GetStringLength()) != k.password) {
+        SetJson(res, 401, ErrorBody("Base.1.0.NoValidSession", "The user name or password is not valid."));
+        return;
+    }
+    if (k.sessionService == "notoken") {
+        SetJson(res, 201, "{\"Name\":\"User Session\"}");
+        return;
+    }
+    std::string token;
+    const unsigned id = Sim::Instance().Sessions().Open(name, k.sessionLimit, token);
+    if (id == 0) {
+        SetJson(res, 503, ErrorBody("Base.1.0.SessionLimitExceeded", "Too many sessions are open."));
+        return;
+    }
+    const std::string location = std::string(kSessionsPath) + "/" + std::to_string(id);
+    res.set_header(kTokenHeader, token);
+    res.set_header("Location", location);
+    rapidjson::StringBuffer buffer;
+    JsonWriter w(buffer);
+    w.StartObject();
+    w.Key("@odata.id");
+    w.String(location.c_str());
+    w.Key("Id");
+    w.String(std::to_string(id).c_str());
+    w.Key("Name");
+    w.String("User Session");
+    w.Key("UserName");
+    w.String(name.c_str());
+    w.EndObject();
+    SetJson(res, 201, buffer.GetString());
+}
+
+// DELETE of a session: the logout; its token is dead afterwards.
+void DeleteSession(const httplib::Request& req, httplib::Response& res) {
+    if (!Authenticated(req)) {
+        Unauthorized(res);
+        return;
+    }
+    const int deleteStatus = Sim::Instance().knobs().sessionDeleteStatus;
+    if (deleteStatus != 0) {
+        SetJson(res, deleteStatus, ErrorBody("Base.1.0.GeneralError", "The session was not deleted."));
+        return;
+    }
+    unsigned long id = 0;
+    const std::string digits = req.matches[1];
+    if (digits.size() < 10) id = std::stoul(digits);
+    if (id == 0 || !Sim::Instance().Sessions().Close(static_cast<unsigned>(id))) {
+        SetJson(res, 404, ErrorBody("Base.1.0.ResourceMissingAtURI", "No resource at " + req.path + "."));
+        return;
+    }
+    res.status = 204;
+}
+
 void ServiceRoot(const httplib::Request&, httplib::Response& res) {
     rapidjson::StringBuffer buffer;
     JsonWriter w(buffer);
@@ -281,26 +409,40 @@ void NotFound(const httplib::Request& req, httplib::Response& res) {
     SetJson(res, 404, ErrorBody("Base.1.0.ResourceMissingAtURI", "No resource at " + req.path + "."));
 }
 
+// A login's body with the password as "*" (a body that is no JSON object: "*" whole).
+std::string RecordedBody(const httplib::Request& req) {
+    if (req.method != "POST" || req.path != kSessionsPath) return req.body;
+    rapidjson::Document doc;
+    doc.Parse<rapidjson::kParseIterativeFlag>(req.body.c_str(), req.body.size());
+    if (doc.HasParseError() || !doc.IsObject()) return "*";
+    for (auto m = doc.MemberBegin(); m != doc.MemberEnd(); ++m) {
+        if (std::string(m->name.GetString(), m->name.GetStringLength()) == "Password") m->value.SetString("*");
+    }
+    rapidjson::StringBuffer buffer;
+    JsonWriter w(buffer);
+    doc.Accept(w);
+    return std::string(buffer.GetString(), buffer.GetSize());
+}
+
 void RecordExchange(const httplib::Request& req, const httplib::Response& res) {
     if (req.has_header(kProbeHeader)) return;
     const AuthResult auth = CheckAuth(req);
+    const std::string body = RecordedBody(req);
+    // The session a token was made for, whether it is still open or not (the status says whether it was taken).
+    const bool hasToken = req.has_header(kTokenHeader);
+    const unsigned session = hasToken ? Sim::Instance().Sessions().Named(req.get_header_value(kTokenHeader)) : 0;
     Sim::Instance().Record([&](JsonWriter& w) {
-        w.Key("face");
-        w.String("redfish");
-        w.Key("method");
-        w.String(req.method.c_str());
-        w.Key("path");
-        w.String(req.path.c_str());
+        WriteRequestHead(w, "redfish", req);
         w.Key("target");
         w.String(req.target.c_str());
         w.Key("body");
-        w.String(req.body.c_str(), static_cast<rapidjson::SizeType>(req.body.size()));
+        w.String(body.c_str(), static_cast<rapidjson::SizeType>(body.size()));
         w.Key("headers");
         w.StartObject();
         for (const auto& header : req.headers) {
             // The credentials stay out of the record; httplib's own entries are not headers.
-            if (header.first == "Authorization" || header.first == "REMOTE_ADDR" || header.first == "REMOTE_PORT" ||
-                header.first == "LOCAL_ADDR" || header.first == "LOCAL_PORT") {
+            if (header.first == "Authorization" || header.first == kTokenHeader || header.first == "REMOTE_ADDR" ||
+                header.first == "REMOTE_PORT" || header.first == "LOCAL_ADDR" || header.first == "LOCAL_PORT") {
                 continue;
             }
             w.Key(header.first.c_str());
@@ -311,6 +453,10 @@ void RecordExchange(const httplib::Request& req, const httplib::Response& res) {
         w.String(AuthName(auth.auth));
         w.Key("user");
         w.String(auth.user.c_str());
+        if (hasToken) {
+            w.Key("token");
+            w.String(session != 0 ? std::to_string(session).c_str() : "unknown");
+        }
         w.Key("local_addr");
         w.String(req.local_addr.c_str());
         w.Key("status");
@@ -335,6 +481,8 @@ void Configure(httplib::SSLServer& server) {
     server.set_read_timeout(10, 0);
     server.Get(kChassisPath, GetChassis);
     server.Patch(kChassisPath, PatchChassis);
+    server.Post(kSessionsPath, PostSession);
+    server.Delete(R"(/redfish/v1/SessionService/Sessions/(\d+))", DeleteSession);
     server.Get("/redfish/v1", ServiceRoot);
     server.Get("/redfish/v1/", ServiceRoot);
     server.Get(".*", NotFound);

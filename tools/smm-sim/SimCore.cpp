@@ -226,6 +226,20 @@ bool LoadKnobs(const std::string& path, Knobs& k, std::string& error) {
         } else if (key == "PATCH_BODY") {
             k.hasPatchBody = true;
             k.patchBody = value;
+        } else if (key == "PATCH_HOLD") {
+            k.patchHold = Trim(value);
+            ok = k.patchHold.empty() || k.patchHold[0] == '/';
+        } else if (key == "REDFISH_BASIC") ok = ParseBool(value, k.redfishBasic);
+        else if (key == "SESSION_SERVICE") {
+            k.sessionService = Trim(value);
+            ok = k.sessionService == "on" || k.sessionService == "absent" || k.sessionService == "nopost" ||
+                 k.sessionService == "notoken" || k.sessionService == "refuse";
+        } else if (key == "SESSION_LIMIT") {
+            ok = ParseUnsigned(value, 1000000, n);
+            k.sessionLimit = static_cast<unsigned>(n);
+        } else if (key == "SESSION_DELETE_STATUS") {
+            ok = ParseUnsigned(value, 599, n) && n >= 100;
+            k.sessionDeleteStatus = static_cast<int>(n);
         } else if (key == "USER_PRIV" || key == "IPMI_PORT" || key == "IPMI_IPV6" || key == "IPMI_IPV6_PORT") {
             // Read by the launcher for lan.conf.
         } else {

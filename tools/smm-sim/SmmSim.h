@@ -47,17 +47,22 @@ struct Knobs {
     std::string ipv4Text;
     std::string ipv4Kind = "string";  // string | absent | number
     std::string patchBody;
+    std::string sessionService = "on";  // on | absent | nopost | notoken | refuse
+    std::string patchHold;              // a PATCH waits until this file exists (empty: never)
 
     int watchPid = 0;  // exit when this process is gone (0: never)
     unsigned statusDelayReads = 0;
     int redfishPort = 443;
     unsigned redfish503 = 0;
     int patchStatus = 0;  // 0: apply the change and answer 200 with the resource
+    unsigned sessionLimit = 4;
+    int sessionDeleteStatus = 0;  // 0: a DELETE of a session deletes it
 
     uint8_t initialStatus = 1;
     uint8_t c4Status = 0;
     bool c4Strict = true;
     bool redfish = true;
+    bool redfishBasic = true;  // off: only a session's token authenticates
     bool redfishIpv6 = false;
     bool redfishLanAsString = false;
     bool redfishNonJson = false;
@@ -70,6 +75,26 @@ struct Knobs {
 bool LoadKnobs(const std::string& path, Knobs& knobs, std::string& error);
 bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes);
 std::string Hex(const uint8_t* data, size_t size);
+
+// The session service's open sessions, at most SESSION_LIMIT at once; every
+// session made or deleted is recorded with how many are left open.
+class SessionStore {
+public:
+    // A new session of `user`: its id and token; 0 when the limit is reached.
+    unsigned Open(const std::string& user, unsigned limit, std::string& token);
+    // The id of the open session `token` belongs to, or 0 (deleted, or never made).
+    unsigned Find(const std::string& token);
+    // Deletes session `id`; false when no such session is open.
+    bool Close(unsigned id);
+    // The id of the session `token` was made for, open or deleted, or 0 (for the record).
+    unsigned Named(const std::string& token);
+
+private:
+    std::mutex m_mutex;
+    std::map<unsigned, std::string> m_tokens;  // the open ones: id -> token
+    std::map<std::string, unsigned> m_issued;  // every token made: token -> id
+    unsigned m_lastId = 0;
+};
 
 class Sim {
 public:
@@ -93,6 +118,8 @@ public:
     // Appends one JSON line {"seq":..,"t":..,<fill>} to the record.
     void Record(const std::function<void(JsonWriter&)>& fill);
 
+    SessionStore& Sessions() { return m_sessions; }
+
 private:
     Sim() = default;
     void LoadStateLocked();
@@ -110,6 +137,8 @@ private:
     std::mutex m_recordMutex;
     FILE* m_record = nullptr;
     uint64_t m_seq = 0;
+
+    SessionStore m_sessions;
 };
 
 // Starts the HTTPS face(s) in background threads; false and a message when a

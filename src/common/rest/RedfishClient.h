@@ -3,10 +3,14 @@
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
+#include <utility>
 
+#include "common/rest/RedfishSession.h"
 #include "common/rest/RestClient.h"
 #include "common/rest/RestClientInterface.h"
+#include "host/RunContext.h"
 
 namespace Rest {
 
@@ -21,11 +25,20 @@ struct StartupWaitPolicy {
 // starting), for at most REDFISH_STARTUP_WAIT_TIME seconds (default 180, read
 // once per run: per process for one target); Get also logs its URL. All HTTP work is done by the
 // RestClient it holds. Made with std::make_shared by its users.
+//
+// Authentication follows the run's --redfish-auth, read when the client is
+// made: Basic with the credentials on every request (the default), or a
+// session: the first direct request (Request included) logs in first, with a
+// POST of the credentials to the session service (no redirect followed, the
+// same 503 wait), and every request then carries the session's token instead.
+// A login that opens no session is not repeated: that request answers with
+// the login's reply. The destructor deletes the session (one DELETE, no
+// retry, no wait, at most 10 s), also when the run is being stopped.
 class RedfishClient : public RestClientInterface {
 public:
     // Throws std::runtime_error("Couldn't initialize curl handle") like RestClient.
-    RedfishClient() = default;
-    ~RedfishClient() override = default;
+    RedfishClient();
+    ~RedfishClient() override;
     RedfishClient(const RedfishClient&) = delete;
     RedfishClient& operator=(const RedfishClient&) = delete;
 
@@ -60,15 +73,40 @@ public:
     // The member client, for settings outside the interface.
     RestClient& Client() { return m_client; }
 
-    // Test hooks. An empty function restores the real behaviour: sleeping the
-    // calling thread, and the monotonic clock (nanoseconds).
-    static void SetSleepFunction(std::function<void(int64_t milliseconds)> sleep);
-    static void SetClockFunction(std::function<int64_t()> nanoseconds);
+    // Test hooks of this client alone (a run over many SMMs has one client per
+    // worker thread). An empty function restores the real behaviour: the run's
+    // sleep, which a stop request ends, and the monotonic clock (nanoseconds).
+    void SetSleepFunction(std::function<void(int64_t milliseconds)> sleep) { m_sleep = std::move(sleep); }
+    void SetClockFunction(std::function<int64_t()> nanoseconds) { m_clock = std::move(nanoseconds); }
     // Forgets the cached REDFISH_STARTUP_WAIT_TIME so the next request reads it again.
     static void ResetStartupWaitCache();
 
 private:
+    // Repeats `attempt` while the service answers 503, within the start-up wait.
+    template <typename Operation>
+    Response Retried(Operation attempt);
+    // Retried, after the session's login in session mode.
+    template <typename Operation>
+    Response Sent(const std::string& url, Operation attempt);
+    void Sleep(int64_t milliseconds) const;
+    int64_t Now();
+    // Session mode: the session opened before the first request; the reply of
+    // a login that opened none, which then stands for the request's.
+    std::optional<Response> Authenticate(const std::string& url);
+    // Deletes the open session, if any; never throws.
+    void LogOut() noexcept;
+
     RestClient m_client;
+    std::function<void(int64_t)> m_sleep;
+    std::function<int64_t()> m_clock;
+    Plexum::RedfishAuth m_auth;
+    // Session mode keeps the credentials here for the login: requests never carry them.
+    std::string m_username;
+    std::string m_password;
+    bool m_followRedirects = false;
+    int32_t m_maxRedirects = -1;
+    int32_t m_timeout = -1;
+    RedfishSession m_session;
 };
 
 }  // namespace Rest

@@ -337,6 +337,7 @@ Response RestClient::Perform(const std::string& url) {
         }
     } cleanup{m_handle};
     for (const auto& header : m_headers) AppendLine(cleanup.headerList, header.first + ": " + header.second);
+    if (!m_authToken.empty()) AppendLine(cleanup.headerList, "X-Auth-Token: " + m_authToken);
     // An empty "Expect:" line makes libcurl leave out its Expect: 100-continue.
     if (m_disableExpect) AppendLine(cleanup.headerList, "Expect:");
     curl_easy_setopt(m_handle, CURLOPT_HTTPHEADER, cleanup.headerList);
@@ -395,8 +396,8 @@ Response RestClient::Perform(const std::string& url) {
     curl_easy_setopt(m_handle, CURLOPT_ERRORBUFFER, errorBuffer);
 
     // The run's trust settings (--tls-verify) go over the TLS settings above; by default there are none.
-    const RunTrust trust(url);
-    if (!trust.Apply(m_handle)) return trust.Refusal();
+    RunTrust trust(url);
+    if (!trust.Apply(m_handle, !m_authToken.empty())) return trust.Refusal();
 
     const CURLcode result = curl_easy_perform(m_handle);
     response.curlCode = static_cast<int32_t>(result);

@@ -79,6 +79,10 @@ public:
     void SetOutputFile(FILE* file) { m_outputFile = file; }
     // Past this many bytes the in-memory body ends the transfer with CURLE_WRITE_ERROR.
     void SetMaxBodyBytes(size_t bytes) { m_maxBodyBytes = bytes; }
+    // A Redfish session's token, sent as X-Auth-Token on every request; empty: none.
+    // Kept apart from the headers: it is a secret, and the run's trust
+    // settings keep it from following a redirect to another host.
+    void SetAuthToken(const std::string& token) { m_authToken = token; }
 
     const std::string& GetProxy() const { return m_proxy; }
     const std::string& GetProxyUsername() const { return m_proxyUsername; }
@@ -98,6 +102,7 @@ private:
     int32_t m_maxRedirects = -1;
     std::string m_username;
     std::string m_password;
+    std::string m_authToken;
     std::string m_userAgent = "KVRA_MORVEL";
     std::string m_caInfo;
     std::string m_sslCert;

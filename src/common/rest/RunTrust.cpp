@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #include "common/rest/RunTrust.h"
 
-#include <cstdlib>
-#include <memory>
+#include <optional>
 
 #include "common/rest/PeerCertificate.h"
+#include "common/rest/UrlOrigin.h"
 #include "host/RunContext.h"
 
 namespace Rest {
@@ -14,30 +14,6 @@ namespace {
 constexpr int32_t kPeerReadSeconds = 20;
 // libcurl's words for a key that does not match its pin: the body such a refused transfer has.
 constexpr char kPinMismatchText[] = "SSL: public key does not match pinned public key";
-
-struct UrlFree {
-    void operator()(CURLU* url) const { curl_url_cleanup(url); }
-};
-struct TextFree {
-    void operator()(char* text) const { curl_free(text); }
-};
-
-// The host (an IPv6 literal in brackets) and port of an https URL; false when it has none.
-bool HostAndPort(const std::string& url, std::string& host, int& port) {
-    const std::unique_ptr<CURLU, UrlFree> parsed(curl_url());
-    if (!parsed || curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return false;
-    char* hostText = nullptr;
-    char* portText = nullptr;
-    if (curl_url_get(parsed.get(), CURLUPART_HOST, &hostText, 0) != CURLUE_OK) return false;
-    const std::unique_ptr<char, TextFree> ownedHost(hostText);
-    if (curl_url_get(parsed.get(), CURLUPART_PORT, &portText, CURLU_DEFAULT_PORT) != CURLUE_OK) return false;
-    const std::unique_ptr<char, TextFree> ownedPort(portText);
-    host = hostText;
-    char* end = nullptr;
-    const long number = std::strtol(portText, &end, 10);
-    port = static_cast<int>(number);
-    return *end == '\0' && number > 0 && number <= 65535;
-}
 
 bool IsVerificationFailure(int32_t curlCode) {
     switch (curlCode) {
@@ -87,11 +63,18 @@ void RunTrust::Refuse(const std::string& reason) {
     Plexum::RunContext::Current().NoteTrustFailure(reason);
 }
 
-bool RunTrust::Apply(CURL* handle) const {
+bool RunTrust::Apply(CURL* handle, bool carriesToken) {
     if (!m_active) return true;
     if (m_refusal.curlCode != -1) return false;
     // Wherever a redirect leads, the user's password stays with the SMM it was meant for.
     curl_easy_setopt(handle, CURLOPT_UNRESTRICTED_AUTH, 0L);
+    m_handle = handle;
+    // libcurl sends custom headers on to any host: the token's request ends before it would leave.
+    m_carriesToken = carriesToken;
+    if (m_carriesToken || m_firstContact) {
+        curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, &RunTrust::BeforeRequest);
+        curl_easy_setopt(handle, CURLOPT_PREREQDATA, this);
+    }
     const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
     if (trust.verify == Plexum::TlsVerify::Ca) {
         curl_easy_setopt(handle, CURLOPT_SSL_VERIFYPEER, 1L);
@@ -107,23 +90,40 @@ bool RunTrust::Apply(CURL* handle) const {
         return true;
     }
     // One connection for the first contact: its key is read off the handshake and
-    // recorded before the request goes out on it. The connection and handshake
-    // wait no longer than a certificate read would.
-    m_handle = handle;
+    // recorded before the request goes out on it (BeforeRequest). The connection
+    // and handshake wait no longer than a certificate read would.
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT, static_cast<long>(kPeerReadSeconds));
-    curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, &RunTrust::OnFirstContact);
-    curl_easy_setopt(handle, CURLOPT_PREREQDATA, this);
     return true;
 }
 
-int RunTrust::OnFirstContact(void* self, char* /*remoteAddress*/, char* /*localAddress*/, int /*remotePort*/,
-                             int /*localPort*/) {
-    return static_cast<const RunTrust*>(self)->FirstContact() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
+int RunTrust::BeforeRequest(void* self, char* /*primaryIp*/, char* /*localIp*/, int /*primaryPort*/,
+                            int /*localPort*/) {
+    auto* trust = static_cast<RunTrust*>(self);
+    try {
+        if (trust->m_carriesToken && !trust->StaysWithItsOrigin()) return CURL_PREREQFUNC_ABORT;
+        if (trust->m_firstContact && !trust->FirstContact()) return CURL_PREREQFUNC_ABORT;
+        return CURL_PREREQFUNC_OK;
+    } catch (...) {
+        // Exceptions must not cross libcurl's C frames; the transfer ends either way.
+        return CURL_PREREQFUNC_ABORT;
+    }
+}
+
+bool RunTrust::StaysWithItsOrigin() {
+    char* effective = nullptr;
+    if (curl_easy_getinfo(m_handle, CURLINFO_EFFECTIVE_URL, &effective) != CURLE_OK || effective == nullptr) {
+        return false;
+    }
+    const std::optional<Origin> first = OriginOf(m_url);
+    const std::optional<Origin> now = OriginOf(effective);
+    if (first && now && *first == *now) return true;
+    m_divertedTo = effective;
+    return false;
 }
 
 // Every connection of the transfer (a redirect's too) must present the pin
 // that counts; the first one's is recorded, unless another run was first.
-bool RunTrust::FirstContact() const {
+bool RunTrust::FirstContact() {
     const std::string presented = PresentedPin(m_handle);
     if (presented.empty()) {
         m_stopped = Response(CURLE_SSL_CONNECT_ERROR, -1, "the server's certificate could not be read");
@@ -161,6 +161,10 @@ std::string RunTrust::MismatchReason(const std::string& presented) const {
 }
 
 void RunTrust::Review(Response& response) const {
+    if (!m_divertedTo.empty() && response.curlCode == CURLE_ABORTED_BY_CALLBACK) {
+        response.body = "a redirect to " + m_divertedTo + " was not followed: the session token stays with " + Where();
+        return;
+    }
     if (!m_active) return;
     if (m_stopped.curlCode != -1) {
         // Stopped by the first-contact check: nothing was sent.
@@ -173,11 +177,9 @@ void RunTrust::Review(Response& response) const {
     const Plexum::TrustSettings& trust = Plexum::RunContext::Current().Trust();
     std::string reason;
     if (response.curlCode == CURLE_SSL_PINNEDPUBKEYNOTMATCH) {
-        std::string host;
-        int port = 0;
         std::string presented = "a key that could not be read again";
-        if (HostAndPort(m_url, host, port)) {
-            const PeerCertificateRead read = ReadPeerCertificate(host, port, kPeerReadSeconds);
+        if (const std::optional<Origin> origin = OriginOf(m_url)) {
+            const PeerCertificateRead read = ReadPeerCertificate(origin->host, origin->port, kPeerReadSeconds);
             if (read.certificate) presented = read.certificate->pin;
         }
         reason = MismatchReason(presented);

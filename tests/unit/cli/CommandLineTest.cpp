@@ -108,6 +108,10 @@ TEST(CommandLine, FixedChoicesAreEnforcedWithASuggestion) {
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--tls-verify=tofo"}).message,
               "--tls-verify must be none, ca, pin or tofu; did you mean 'tofu'?");
     EXPECT_EQ(ErrorOf({"smmlan", "query", "--tls-verify=x"}).message, "--tls-verify must be none, ca, pin or tofu");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--redfish-auth", "sesion"}).message,
+              "--redfish-auth must be basic or session; did you mean 'session'?");
+    EXPECT_EQ(ErrorOf({"smmlan", "query", "--redfish-auth=token"}).message, "--redfish-auth must be basic or session");
+    EXPECT_EQ(Parse({"smmlan", "query", "--redfish-auth", "session"}).options, (Options{{"redfish-auth", "session"}}));
     EXPECT_EQ(Parse({"smmlan", "query", "--protocol", "ipmi"}).options, (Options{{"protocol", "ipmi"}}));
 }
 

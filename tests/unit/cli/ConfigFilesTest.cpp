@@ -124,6 +124,8 @@ TEST(ShowConfig, DefaultsOnly) {
               "# built-in default\n"
               "SMM_PROTOCOL=auto\n"
               "# built-in default\n"
+              "REDFISH_AUTH=basic\n"
+              "# built-in default\n"
               "REDFISH_TLS_VERIFY=none\n"
               "# built-in default: unset (the system's CA certificates)\n"
               "#REDFISH_CA_FILE=\n"

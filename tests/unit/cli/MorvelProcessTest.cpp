@@ -565,7 +565,7 @@ TEST_F(MorvelProcess, OptionsGivenTwice) {
         {"method", "dhcp"},        {"fanout", "2"},         {"output", "text"},
         {"protocol", "ipmi"},      {"tls-verify", "none"},  {"cacert", file},
         {"known-smms", file},      {"credentials-file", file}, {"password-command", "true"},
-        {"password-file", file},
+        {"password-file", file},   {"redfish-auth", "session"},
     };
     for (const auto& option : run) {
         const std::string& name = option.first;

@@ -269,4 +269,29 @@ TEST(JsonLinesReport, OneRecordPerTargetThenTheSummary) {
     EXPECT_EQ(out.str().find("pw"), std::string::npos);
 }
 
+TEST(JsonLinesReport, TheLogoutOfASessionWhenOneWasOpened) {
+    const auto targets = Targets({"ops:pw@smm01", "ops:pw@smm02"});
+    std::ostringstream out;
+    JsonLinesReport report(out, targets, "query");
+    auto closed = Outcome(0, 0, {});
+    closed.logout = Plexum::SessionLogout{true, ""};
+    report.TargetEnded(closed);
+    auto left = Outcome(1, 0, {});
+    left.logout = Plexum::SessionLogout{false, "DELETE https://smm02:443/redfish/v1/SessionService/Sessions/3 "
+                                               "answered HTTP 500"};
+    report.TargetEnded(left);
+    EXPECT_EQ(out.str(),
+              R"({"target":"smm01","host":"smm01","port":443,"user":"ops","subcommand":"query","protocol":null,)"
+              R"("code":0,"message":"Succeed.","ok":true,"interrupted":false,"change_sent":false,)"
+              R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[],)"
+              R"("session_logout":{"ok":true,"error":null}})"
+              "\n"
+              R"({"target":"smm02","host":"smm02","port":443,"user":"ops","subcommand":"query","protocol":null,)"
+              R"("code":0,"message":"Succeed.","ok":true,"interrupted":false,"change_sent":false,)"
+              R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[],)"
+              R"("session_logout":{"ok":false,)"
+              R"("error":"DELETE https://smm02:443/redfish/v1/SessionService/Sessions/3 answered HTTP 500"}})"
+              "\n");
+}
+
 }  // namespace

@@ -9,10 +9,12 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "common/rest/RedfishClient.h"
 #include "host/GlobalConfig.h"
+#include "host/RunContext.h"
 #include "support/ConnectProxy.h"
 #include "support/LogCapture.h"
 #include "support/RecordingHttpsServer.h"
@@ -32,23 +34,26 @@ const char kSource[] = "src/common/rest/RedfishClient";
 
 std::string RetryText(const std::string& body) { return "curlCode: 0 | httpCode: 503 | body: " + body; }
 
-// Monotonic time that only the injected sleep moves forward.
+// Monotonic time of one client that only its injected sleep moves forward.
 class FakeTime {
 public:
-    FakeTime() {
-        RedfishClient::SetClockFunction([this] { return m_now; });
-        RedfishClient::SetSleepFunction([this](int64_t milliseconds) {
+    explicit FakeTime(RedfishClient& client) : m_client(client) {
+        client.SetClockFunction([this] { return m_now; });
+        client.SetSleepFunction([this](int64_t milliseconds) {
             sleeps.push_back(milliseconds);
             m_now += milliseconds * 1000000;
         });
     }
     ~FakeTime() {
-        RedfishClient::SetClockFunction(nullptr);
-        RedfishClient::SetSleepFunction(nullptr);
+        m_client.SetClockFunction(nullptr);
+        m_client.SetSleepFunction(nullptr);
     }
+    FakeTime(const FakeTime&) = delete;
+    FakeTime& operator=(const FakeTime&) = delete;
     std::vector<int64_t> sleeps;
 
 private:
+    RedfishClient& m_client;
     int64_t m_now = 1000000000;
 };
 
@@ -59,12 +64,10 @@ protected:
     static void Reset() {
         Plexum::GlobalConfig::Clear();
         RedfishClient::ResetStartupWaitCache();
-        RedfishClient::SetSleepFunction(nullptr);
-        RedfishClient::SetClockFunction(nullptr);
     }
-    // Any sleep fails the test.
-    static void ForbidSleeping() {
-        RedfishClient::SetSleepFunction([](int64_t milliseconds) { ADD_FAILURE() << "slept " << milliseconds << " ms"; });
+    // Any sleep of the client fails the test.
+    static void ForbidSleeping(RedfishClient& client) {
+        client.SetSleepFunction([](int64_t milliseconds) { ADD_FAILURE() << "slept " << milliseconds << " ms"; });
     }
     static std::shared_ptr<RedfishClient> MakeClient() {
         auto client = std::make_shared<RedfishClient>();
@@ -122,9 +125,9 @@ TEST_F(RedfishClientTest, ThreeServiceUnavailableAnswersThenSuccessAfterFifteenS
 TEST_F(RedfishClientTest, DefaultWaitPollsEveryFiveSecondsUntilPast180Seconds) {
     RecordingHttpsServer server;
     server.Script("/busy", {Reply::Text(503, "still starting")});
-    FakeTime time;
     LogCapture log(4);
     auto client = MakeClient();
+    FakeTime time(*client);
     Response response = client->Get(server.Url("/busy"));
     EXPECT_EQ(response.curlCode, 0);
     EXPECT_EQ(response.httpCode, 503);
@@ -144,8 +147,8 @@ TEST_F(RedfishClientTest, ZeroWaitMakesOneAttemptAndIsReadAgainNextTime) {
     RecordingHttpsServer server;
     server.Script("/busy", {Reply::Text(503, "busy")});
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "0");
-    ForbidSleeping();
     auto client = MakeClient();
+    ForbidSleeping(*client);
     const auto start = Clock::now();
     Response response = client->Get(server.Url("/busy"));
     EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 2.0);
@@ -155,7 +158,7 @@ TEST_F(RedfishClientTest, ZeroWaitMakesOneAttemptAndIsReadAgainNextTime) {
 
     // A configured 0 leaves the cache empty, so the key is read again.
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "10");
-    FakeTime time;
+    FakeTime time(*client);
     server.ClearRequests();
     EXPECT_EQ(client->Get(server.Url("/busy")).httpCode, 503);
     EXPECT_EQ(server.RequestCount(), 4u);  // at 0, 5, 10 and 15 s
@@ -166,8 +169,8 @@ TEST_F(RedfishClientTest, NegativeWaitMakesOneAttempt) {
     RecordingHttpsServer server;
     server.Script("/busy", {Reply::Text(503, "busy")});
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "-1");
-    ForbidSleeping();
     auto client = MakeClient();
+    ForbidSleeping(*client);
     std::istringstream body("{\"LANEnabled\": false}");
     Response response = client->Patch(server.Url("/busy"), body);
     EXPECT_EQ(response.curlCode, 0);
@@ -178,8 +181,8 @@ TEST_F(RedfishClientTest, NegativeWaitMakesOneAttempt) {
 TEST_F(RedfishClientTest, WaitTimeIsReadOncePerProcess) {
     RecordingHttpsServer server;
     server.Script("/busy", {Reply::Text(503, "busy")});
-    FakeTime time;
     auto client = MakeClient();
+    FakeTime time(*client);
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "7");
     EXPECT_EQ(client->Get(server.Url("/busy")).httpCode, 503);
     EXPECT_EQ(server.RequestCount(), 3u);  // at 0, 5 and 10 s
@@ -187,7 +190,9 @@ TEST_F(RedfishClientTest, WaitTimeIsReadOncePerProcess) {
     // A changed key is not seen, not even by another client.
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "-1");
     server.ClearRequests();
-    EXPECT_EQ(MakeClient()->Delete(server.Url("/busy")).httpCode, 503);
+    auto other = MakeClient();
+    FakeTime otherTime(*other);
+    EXPECT_EQ(other->Delete(server.Url("/busy")).httpCode, 503);
     EXPECT_EQ(server.RequestCount(), 3u);
 
     RedfishClient::ResetStartupWaitCache();
@@ -196,11 +201,41 @@ TEST_F(RedfishClientTest, WaitTimeIsReadOncePerProcess) {
     EXPECT_EQ(server.RequestCount(), 1u);
 }
 
+// A run over many SMMs has one client per worker thread: each client waits
+// with its own sleep and clock, never with another thread's.
+TEST_F(RedfishClientTest, TwoClientsOnTwoThreadsKeepTheirOwnSleepAndClock) {
+    RecordingHttpsServer server;
+    server.Script("/a", {Reply::Text(503, "a busy"), Reply::Text(200, "a up")});
+    server.Script("/b", {Reply::Text(503, "b busy"), Reply::Text(503, "b busy"), Reply::Text(200, "b up")});
+    Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "60");
+    auto first = MakeClient();
+    auto second = MakeClient();
+    FakeTime firstTime(*first);
+    FakeTime secondTime(*second);
+
+    std::string firstBody;
+    std::string secondBody;
+    auto run = [](RedfishClient& client, const std::string& url, std::string& body) {
+        Plexum::RunContext run("smm", nullptr);
+        Plexum::ScopedRunContext installed(run);
+        body = client.Get(url).body;
+    };
+    std::thread a(run, std::ref(*first), server.Url("/a"), std::ref(firstBody));
+    std::thread b(run, std::ref(*second), server.Url("/b"), std::ref(secondBody));
+    a.join();
+    b.join();
+
+    EXPECT_EQ(firstBody, "a up");
+    EXPECT_EQ(secondBody, "b up");
+    EXPECT_EQ(firstTime.sleeps, (std::vector<int64_t>{5000}));
+    EXPECT_EQ(secondTime.sleeps, (std::vector<int64_t>{5000, 5000}));
+}
+
 TEST_F(RedfishClientTest, ConnectionFailureIsNotRetried) {
     RestTest::RefusingPort port;
-    ForbidSleeping();
     LogCapture log(4);
     auto client = MakeClient();
+    ForbidSleeping(*client);
     Response response = client->Get(port.Url("/redfish/v1"));
     EXPECT_EQ(response.curlCode, 7);
     EXPECT_EQ(response.httpCode, -1);
@@ -215,9 +250,9 @@ TEST_F(RedfishClientTest, OtherStatusesEndTheLoopAtOnce) {
     server.Script("/500", {Reply::Text(500, "broken")});
     server.Script("/404", {Reply::Text(404, "missing")});
     server.Script("/200", {Reply::Text(200, "fine")});
-    ForbidSleeping();
     LogCapture log(4);
     auto client = MakeClient();
+    ForbidSleeping(*client);
     EXPECT_EQ(client->Get(server.Url("/500")).body, "broken");
     EXPECT_EQ(client->Post(server.Url("/404"), std::string("x")).body, "missing");
     EXPECT_EQ(client->Head(server.Url("/200")).httpCode, 200);
@@ -228,9 +263,9 @@ TEST_F(RedfishClientTest, OtherStatusesEndTheLoopAtOnce) {
 TEST_F(RedfishClientTest, RequestIsForwardedWithoutRetryOrLog) {
     RecordingHttpsServer server;
     server.Script("/busy", {Reply::Text(503, "busy")});
-    ForbidSleeping();
     LogCapture log(4);
     auto client = MakeClient();
+    ForbidSleeping(*client);
     Response response = client->Request(Rest::RequestType::Get, server.Url("/busy"), "");
     EXPECT_EQ(response.httpCode, 503);
     EXPECT_EQ(response.body, "busy");
@@ -250,9 +285,9 @@ TEST_F(RedfishClientTest, RequestIsForwardedWithoutRetryOrLog) {
 TEST_F(RedfishClientTest, NothingIsLoggedBelowLevel4) {
     RecordingHttpsServer server;
     server.Script("/r", {Reply::Text(503, "busy"), Reply::Text(200, "up")});
-    FakeTime time;
     LogCapture log(3);
     auto client = MakeClient();
+    FakeTime time(*client);
     EXPECT_EQ(client->Get(server.Url("/r")).body, "up");
     EXPECT_EQ(server.RequestCount(), 2u);
     EXPECT_TRUE(log.Records().empty());
@@ -261,8 +296,8 @@ TEST_F(RedfishClientTest, NothingIsLoggedBelowLevel4) {
 TEST_F(RedfishClientTest, StreamedPatchIsSentWholeAgainAfter503) {
     RecordingHttpsServer server;
     server.Script("/redfish/v1/Chassis/2", {Reply::Text(503, "busy"), Reply::Text(503, "busy"), Reply::Text(204, "")});
-    FakeTime time;
     auto client = MakeClient();
+    FakeTime time(*client);
     const std::string text = "{\"Oem\":{\"Qarvon\":{\"LANEnabled\":true}}}" + std::string(100000, ' ');
     std::istringstream body(text);
     Response response = client->Patch(server.Url("/redfish/v1/Chassis/2"), body);
@@ -281,9 +316,9 @@ TEST_F(RedfishClientTest, StreamedPatchIsSentWholeAgainAfter503) {
 
 TEST_F(RedfishClientTest, EveryDirectOperationRetriesOn503) {
     RecordingHttpsServer server;
-    FakeTime time;
     LogCapture log(4);
     auto client = MakeClient();
+    FakeTime time(*client);
     struct Case {
         std::string name;
         std::string method;
@@ -348,8 +383,8 @@ private:
 TEST_F(RedfishClientTest, PostMimeHandsTheProgressCallableToEveryAttemptAndReleasesIt) {
     RecordingHttpsServer server;
     server.Script("/upload", {Reply::Text(503, "busy"), Reply::Text(202, "accepted")});
-    FakeTime time;
     auto client = MakeClient();
+    FakeTime time(*client);
     auto calls = std::make_shared<std::vector<std::pair<int64_t, int64_t>>>();
     Rest::MimeParts parts{std::make_shared<TextPart>("one", "1111"), std::make_shared<TextPart>("two", "22")};
     Response response = client->PostMime(server.Url("/upload"), parts, [calls](int64_t total, int64_t done) {
@@ -432,9 +467,9 @@ TEST_F(RedfishClientTest, TimeoutCaInfoAndProxyAreForwarded) {
     server.Script("/slow", {slow});
     server.Script("/fast", {Reply::Text(200, "quick")});
     MorvelTest::ConnectProxy proxy;
-    ForbidSleeping();
 
     auto client = std::make_shared<RedfishClient>();
+    ForbidSleeping(*client);
     Response untrusted = client->Get(server.Url("/fast"));
     EXPECT_EQ(untrusted.curlCode, 60);
     client->SetCaInfo(MorvelTest::TestCertificate::Shared()->CertPath());

@@ -71,12 +71,14 @@ protected:
                "' and then 'morvel trust add " + Key() + "'";
     }
 
-    // A GET as the Redfish manager makes it: certificate not verified, credentials, redirects followed.
-    Rest::Response Get(const std::string& url) {
+    // A GET as the Redfish manager makes it: certificate not verified, credentials
+    // (a session token when one is given), redirects followed.
+    Rest::Response Get(const std::string& url, const std::string& token = "") {
         Plexum::ScopedRunContext installed(m_run);
         Rest::RestClient client;
         client.SetInsecure(true);
-        client.SetCredentials("admin", "Zq9secret");
+        if (token.empty()) client.SetCredentials("admin", "Zq9secret");
+        client.SetAuthToken(token);
         client.SetFollowRedirects(true, -1);
         client.SetTimeout(10);
         return client.Get(url);
@@ -244,6 +246,54 @@ TEST_F(RunTrustTest, CredentialsNeverFollowARedirectElsewhereWhenVerifying) {
     ASSERT_EQ(elsewhere.RequestCount(), 1u);
     EXPECT_FALSE(elsewhere.Requests()[0].HasHeader("Authorization"));
     EXPECT_TRUE(m_server.Requests().back().HasHeader("Authorization"));
+}
+
+TEST_F(RunTrustTest, ASessionTokenNeverFollowsARedirectElsewhereWhenVerifying) {
+    const std::string token = "Tk0123456789abcdef";
+    RecordingHttpsServer elsewhere;
+    elsewhere.Script(kPath, {Reply::Text(200, "{}", "application/json")});
+    Reply moved = Reply::Text(307, "");
+    moved.headers = {{"Location", elsewhere.Url(kPath)}};
+    m_server.Script("/moved", {moved});
+
+    // With none, the token goes along as Basic credentials do.
+    ASSERT_EQ(Get(m_server.Url("/moved"), token).httpCode, 200);
+    ASSERT_EQ(elsewhere.RequestCount(), 1u);
+    EXPECT_EQ(elsewhere.Requests()[0].Header("X-Auth-Token"), token);
+
+    elsewhere.ClearRequests();
+    m_server.ClearRequests();
+    for (const Plexum::TlsVerify verify : {Plexum::TlsVerify::Ca, Plexum::TlsVerify::Tofu}) {
+        Trust(verify, verify == Plexum::TlsVerify::Ca ? m_server.Certificate().CertPath() : "");
+        const Rest::Response response = Get(m_server.Url("/moved"), token);
+        EXPECT_EQ(response.curlCode, CURLE_ABORTED_BY_CALLBACK);
+        EXPECT_EQ(response.httpCode, -1);
+        EXPECT_EQ(response.body, "a redirect to " + elsewhere.Url(kPath) +
+                                     " was not followed: the session token stays with " + Key());
+        EXPECT_EQ(m_run.TrustFailure(), "");
+    }
+    EXPECT_EQ(elsewhere.RequestCount(), 0u);
+    const auto asked = m_server.Requests();
+    ASSERT_EQ(asked.size(), 2u);
+    for (const auto& request : asked) {
+        EXPECT_EQ(request.Header("X-Auth-Token"), token);
+        EXPECT_FALSE(request.HasHeader("Authorization"));
+    }
+}
+
+TEST_F(RunTrustTest, ASessionTokenFollowsARedirectOnTheSameOriginWhenVerifying) {
+    const std::string token = "Tk0123456789abcdef";
+    Reply moved = Reply::Text(301, "");
+    moved.headers = {{"Location", kPath}};
+    m_server.Script("/moved", {moved});
+    Trust(Plexum::TlsVerify::Ca, m_server.Certificate().CertPath());
+    const Rest::Response response = Get(m_server.Url("/moved"), token);
+    EXPECT_EQ(response.curlCode, 0) << response.body;
+    EXPECT_EQ(response.httpCode, 200);
+    const auto asked = m_server.Requests();
+    ASSERT_EQ(asked.size(), 2u);
+    EXPECT_EQ(asked[1].path, kPath);
+    EXPECT_EQ(asked[1].Header("X-Auth-Token"), token);
 }
 
 }  // namespace

@@ -360,12 +360,12 @@ TEST_F(SmmLanManagerRestTest, ProbeRidesOutServiceUnavailable) {
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "60");
     Rest::RedfishClient::ResetStartupWaitCache();
     std::vector<int64_t> sleeps;
-    Rest::RedfishClient::SetSleepFunction([&](int64_t ms) { sleeps.push_back(ms); });
 
     RecordingHttpsServer server;
     ScriptChassis(server, {Json(503, "starting"), Json(503, "starting"), Json(200, VendorBody("\"LANEnabled\": false"))});
     auto connection = ConnectionTo(server);
     SmmLanManagerRest manager(&connection);
+    manager.Client()->SetSleepFunction([&](int64_t ms) { sleeps.push_back(ms); });
     m_log.Clear();
 
     EXPECT_TRUE(manager.CheckIsSupportByRest());
@@ -771,13 +771,13 @@ TEST_F(SmmLanManagerRestTest, PatchAnsweredServiceUnavailableIsRetriedByTheClien
     Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "60");
     Rest::RedfishClient::ResetStartupWaitCache();
     std::vector<int64_t> sleeps;
-    Rest::RedfishClient::SetSleepFunction([&](int64_t ms) { sleeps.push_back(ms); });
 
     RecordingHttpsServer server;
     ScriptChassis(server, {Json(200, VendorBody("\"LANEnabled\": true"))},
                   {Json(503, "starting"), Json(200, "{\"done\": 1}")});
     auto connection = ConnectionTo(server);
     SmmLanManagerRest manager(&connection);
+    manager.Client()->SetSleepFunction([&](int64_t ms) { sleeps.push_back(ms); });
     ASSERT_TRUE(manager.CheckIsSupportByRest());
 
     EXPECT_EQ(manager.Enable("LANEnabled", "true"), RESULT_SUCCEED);

@@ -80,10 +80,8 @@ protected:
         Plexum::GlobalConfig::Clear();
         Plexum::GlobalConfig::SetItem("REDFISH_STARTUP_WAIT_TIME", "0");
         Rest::RedfishClient::ResetStartupWaitCache();
-        Rest::RedfishClient::SetSleepFunction(nullptr);
     }
     void TearDown() override {
-        Rest::RedfishClient::SetSleepFunction(nullptr);
         Plexum::GlobalConfig::Clear();
         Rest::RedfishClient::ResetStartupWaitCache();
     }

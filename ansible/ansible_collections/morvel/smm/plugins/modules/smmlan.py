@@ -66,6 +66,15 @@ options:
       - When omitted, the configuration's C(SMM_PROTOCOL) holds, else C(auto).
     type: str
     choices: [auto, redfish, ipmi]
+  redfish_auth:
+    description:
+      - How the Redfish requests authenticate; C(basic) sends the password with each request, C(session) logs in once
+        with it (a POST to the SMM's session service), sends the session's token instead and logs out after the
+        SMM's last request, on every path (two requests more per SMM).
+      - C(session) is for SMMs whose Redfish service refuses Basic authentication.
+      - When omitted, the configuration's C(REDFISH_AUTH) holds, else C(basic).
+    type: str
+    choices: [basic, session]
   tls_verify:
     description:
       - How the SMM's certificate is trusted; C(none) accepts any, C(ca) verifies it against C(cacert) or the system's
@@ -119,6 +128,14 @@ EXAMPLES = r"""
     network: enabled
     ipmi_over_lan: enabled
     protocol: ipmi
+
+- name: Network on, over a Redfish session (the SMM refuses Basic authentication)
+  morvel.smm.smmlan:
+    bmc: smm07.row7.example.net
+    username: admin
+    password: "{{ vault_smm_password }}"
+    network: enabled
+    redfish_auth: session
 
 - name: Only read the state, with the SMM's pinned key
   morvel.smm.smmlan:
@@ -223,7 +240,7 @@ class MorvelRun(object):
         if p["config"]:
             argv += ["--config", p["config"]]
         argv += ["smmlan", subcommand, "--bmc", "%s@%s" % (p["username"], p["bmc"]), "--output", "json"]
-        for option in ("protocol", "tls_verify", "cacert", "known_smms"):
+        for option in ("protocol", "redfish_auth", "tls_verify", "cacert", "known_smms"):
             if p[option]:
                 argv += ["--" + option.replace("_", "-"), p[option]]
         if subcommand == "enable" and p["method"]:
@@ -340,6 +357,7 @@ def main():
             ipmi_over_lan=dict(type="str", choices=["enabled"]),
             method=dict(type="str", choices=["static", "dhcp", "dhcp-failover"]),
             protocol=dict(type="str", choices=["auto", "redfish", "ipmi"]),
+            redfish_auth=dict(type="str", choices=["basic", "session"]),
             tls_verify=dict(type="str", choices=["none", "ca", "pin", "tofu"]),
             cacert=dict(type="path"),
             known_smms=dict(type="path"),
