@@ -283,12 +283,12 @@ TEST(JsonLinesReport, TheLogoutOfASessionWhenOneWasOpened) {
     EXPECT_EQ(out.str(),
               R"({"target":"smm01","host":"smm01","port":443,"user":"ops","subcommand":"query","protocol":null,)"
               R"("code":0,"message":"Succeed.","ok":true,"interrupted":false,"change_sent":false,)"
-              R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[],)"
+              R"("unreachable":null,"state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[],)"
               R"("session_logout":{"ok":true,"error":null}})"
               "\n"
               R"({"target":"smm02","host":"smm02","port":443,"user":"ops","subcommand":"query","protocol":null,)"
               R"("code":0,"message":"Succeed.","ok":true,"interrupted":false,"change_sent":false,)"
-              R"("state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[],)"
+              R"("unreachable":null,"state":{"network":null,"ipmi_over_lan":null,"ipv4":null},"elapsed_ms":1234,"console":[],)"
               R"("session_logout":{"ok":false,)"
               R"("error":"DELETE https://smm02:443/redfish/v1/SessionService/Sessions/3 answered HTTP 500"}})"
               "\n");
