@@ -37,6 +37,7 @@ std::string NameOf(const std::string& word) { return word.substr(2, word.find('=
 
 std::vector<std::string> NamesOf(const std::vector<OptionDeclaration>& options) {
     std::vector<std::string> names;
+    names.reserve(options.size());
     for (const OptionDeclaration& option : options) names.emplace_back(option.name);
     return names;
 }
@@ -131,8 +132,8 @@ bool ParseHostOptions(const std::vector<std::string>& words, size_t& index, Comm
         if (option == nullptr) {
             const std::string suggestion = name.empty() ? std::string() : Suggestion(name, HostOptions());
             return Fail(error, kExitInvalidParameter,
-                        unknown + (suggestion.empty() ? "' (options of a command go after COMMAND SUBCOMMAND)"
-                                                      : "'" + suggestion));
+                        unknown + "'" +
+                            (suggestion.empty() ? " (options of a command go after COMMAND SUBCOMMAND)" : suggestion));
         }
         if (option->value == nullptr) {
             if (word.find('=') != std::string::npos) {

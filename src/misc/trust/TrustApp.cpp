@@ -66,14 +66,14 @@ MorvelResult TrustApp::init(const UserContext& context) {
 struct TrustApp::Subcommand {
     const char* name;
     const char* help;
-    int32_t (TrustApp::*run)();
+    enum class Action { Show, Add, Remove } action;
 };
 
 const TrustApp::Subcommand TrustApp::kSubcommands[] = {
     {"show", "connect and print the SMM's pin, certificate subject, issuer and validity; nothing is sent and "
-             "nothing is recorded", &TrustApp::Show},
-    {"add", "record that pin (asks on the terminal first, unless --yes)", &TrustApp::Add},
-    {"remove", "delete the SMM's line", &TrustApp::Remove},
+             "nothing is recorded", Subcommand::Action::Show},
+    {"add", "record that pin (asks on the terminal first, unless --yes)", Subcommand::Action::Add},
+    {"remove", "delete the SMM's line", Subcommand::Action::Remove},
 };
 
 const Plexum::CommandDeclaration& TrustApp::Declaration() {
@@ -105,7 +105,15 @@ const Plexum::CommandDeclaration& TrustApp::Declaration() {
 
 MorvelResult TrustApp::run() {
     for (const Subcommand& subcommand : kSubcommands) {
-        if (m_userContext.subCommand == subcommand.name) return MorvelResult((this->*subcommand.run)());
+        if (m_userContext.subCommand != subcommand.name) continue;
+        switch (subcommand.action) {
+            case Subcommand::Action::Show:
+                return MorvelResult(ShowAndMaybeAdd(false));
+            case Subcommand::Action::Add:
+                return MorvelResult(ShowAndMaybeAdd(true));
+            case Subcommand::Action::Remove:
+                return MorvelResult(Remove());
+        }
     }
     return MorvelResult(RESULT_INVALID_COMMAND);
 }

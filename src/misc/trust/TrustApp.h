@@ -30,8 +30,6 @@ private:
     struct Subcommand;
     static const Subcommand kSubcommands[];
 
-    int32_t Show() { return ShowAndMaybeAdd(false); }
-    int32_t Add() { return ShowAndMaybeAdd(true); }
     int32_t ShowAndMaybeAdd(bool andAdd);
     int32_t Remove();
     // Whether the user says yes to recording the pin; false with a reason when no terminal can ask.
