@@ -80,8 +80,10 @@ void FleetRunner::Work() {
     while (const std::optional<size_t> index = m_scheduler.Take(arriving)) {
         arriving = false;
         TargetOutcome outcome = RunOne(*index);
-        const bool stopped = m_scheduler.Ended(*index, outcome.Succeeded(), outcome.interrupted, outcome.credentials);
-        Deliver(std::move(outcome), stopped);
+        const size_t ended = *index;
+        Deliver(std::move(outcome), [&](const TargetOutcome& done) {
+            return m_scheduler.Ended(ended, done.Succeeded(), done.interrupted, done.credentials);
+        });
     }
 }
 
@@ -96,12 +98,14 @@ void FleetRunner::Verdict(size_t index, bool answered) {
     outcome.result = MorvelResult(RESULT_CONNECTION_FAILED);
     outcome.console.push_back(Plexum::ConsoleLine{true, UnreachableText(*m_options.detect, m_targets[index].bmc.port)});
     outcome.elapsedMs = m_options.detect->bound.count();
-    const bool stopped = m_scheduler.Unreachable(index);
-    Deliver(std::move(outcome), stopped);
+    Deliver(std::move(outcome), [&](const TargetOutcome&) { return m_scheduler.Unreachable(index); });
 }
 
-void FleetRunner::Deliver(TargetOutcome&& outcome, bool stopped) {
+// The place is given up under the delivery lock, so no target started after it
+// can be delivered first: one at a time, the records come in the order run.
+void FleetRunner::Deliver(TargetOutcome&& outcome, const std::function<bool(const TargetOutcome&)>& end) {
     const std::lock_guard<std::mutex> lock(m_deliverMutex);
+    const bool stopped = end(outcome);
     const std::optional<std::string> why = stopped ? m_scheduler.StoppedBy() : std::nullopt;
     if (why) {
         PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kGuard) << "no SMM starts any more: " << *why;

@@ -90,7 +90,7 @@ private:
     void Spawn();
     void Work();
     TargetOutcome RunOne(size_t index);
-    void Deliver(TargetOutcome&& outcome, bool stopped);
+    void Deliver(TargetOutcome&& outcome, const std::function<bool(const TargetOutcome&)>& end);
     void Verdict(size_t index, bool answered);
 
     const std::vector<Target>& m_targets;
