@@ -28,6 +28,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr auto kPingInterval = std::chrono::seconds(1);
+// While the Redfish port is being tried, the first ping waits this long: a
+// service that is there answers sooner, and a healthy fleet sends no ping.
+constexpr auto kFirstPingAfterTcp = std::chrono::milliseconds(250);
 constexpr uint8_t kPingTag = 0x4d;
 
 std::string Seconds(std::chrono::milliseconds bound) {
@@ -227,7 +230,7 @@ private:
         const Target& target = m_targets[index];
         Probe probe{index, address, Plexum::UniqueFd(), Clock::now(), {}, {}};
         probe.deadline = probe.started + m_options.bound;
-        probe.nextPing = probe.started;
+        probe.nextPing = probe.started + (m_options.redfish ? Clock::duration(kFirstPingAfterTcp) : Clock::duration::zero());
         if (m_options.redfish && !Connect(probe, target.bmc.port)) {
             // Refused at once: nothing listens there, but the host is there all the same.
             Note(target, 4, "detection: answered on TCP port " + std::to_string(target.bmc.port) + " (Redfish; refused)");
@@ -299,6 +302,11 @@ private:
             socklen_t length = sizeof error;
             ::getsockopt(watched[at].fd, SOL_SOCKET, SO_ERROR, &error, &length);
             Probe& probe = m_probes[at - kFirstProbe];
+            if (error == 0) {
+                // Closed with a reset: no closing handshake, and no TIME-WAIT left here per SMM.
+                const linger abort{1, 0};
+                ::setsockopt(watched[at].fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
+            }
             if (error == 0 || error == ECONNREFUSED) {
                 Answer(at - kFirstProbe, error == 0 ? "TCP port " + std::to_string(m_targets[probe.index].bmc.port) + " (Redfish)"
                                           : "TCP port " + std::to_string(m_targets[probe.index].bmc.port) +
@@ -333,9 +341,17 @@ private:
         }
     }
 
-    void Answer(size_t at, const std::string& how) {
+    // Takes the probe at `at` out by moving the last one there: the loops that
+    // take probes out walk from the back, so they have seen the one moved.
+    Probe Remove(size_t at) {
         Probe probe = std::move(m_probes[at]);
-        m_probes.erase(m_probes.begin() + static_cast<std::ptrdiff_t>(at));
+        if (at + 1 != m_probes.size()) m_probes[at] = std::move(m_probes.back());
+        m_probes.pop_back();
+        return probe;
+    }
+
+    void Answer(size_t at, const std::string& how) {
+        const Probe probe = Remove(at);
         const auto after = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - probe.started).count();
         Note(m_targets[probe.index], 4, "detection: answered on " + how + " after " + std::to_string(after) + " ms");
         m_verdict(probe.index, true);
@@ -345,8 +361,7 @@ private:
         const Clock::time_point now = Clock::now();
         for (size_t at = m_probes.size(); at-- > 0;) {
             if (now < m_probes[at].deadline) continue;
-            const size_t index = m_probes[at].index;
-            m_probes.erase(m_probes.begin() + static_cast<std::ptrdiff_t>(at));
+            const size_t index = Remove(at).index;
             Note(m_targets[index], 3, "detection: " + UnreachableText(m_options, m_targets[index].bmc.port));
             m_verdict(index, false);
         }

@@ -76,8 +76,10 @@ private:
     bool MayStartSome() const;
     std::optional<size_t> FirstStartable() const;
     bool Exhausted() const;
-    // After any change: wakes an idle worker, or has one more made, when a target may start.
-    void Wake();
+    // After any change: wakes a paused run that may go on, ends the run when
+    // nothing starts any more, and (`forAStart`) wakes an idle worker, or has
+    // one more made, when a target may start.
+    void Wake(bool forAStart = true);
     // Counts an ending; true when it made a guard stop the run.
     bool Count(size_t index, bool succeeded, bool judged, bool refused);
 
