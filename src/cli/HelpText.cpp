@@ -47,19 +47,19 @@ std::string Indented(const std::string& text, size_t indent) {
     return out;
 }
 
-// "  SPEC" and its help from `column` on: on the same line when SPEC leaves room, else from the next.
-std::string Entry(const std::string& spec, const std::string& help, size_t column = kHelpColumn) {
-    std::string line = "  " + spec;
+// "  FORM" and its help from `column` on: on the same line when FORM leaves room, else from the next.
+std::string Entry(const std::string& form, const std::string& help, size_t column = kHelpColumn) {
+    std::string line = "  " + form;
     if (line.size() + 1 > column) return line + "\n" + Indented(help, column);
     line.append(column - line.size(), ' ');
     return line + Indented(help, column).substr(column);
 }
 
-std::string OptionSpec(const OptionDeclaration& option) {
+std::string OptionForm(const OptionDeclaration& option) {
     const std::string name = option.name;
-    std::string spec = name == "help" ? "-h, --help" : "--" + name;
-    if (option.value != nullptr) spec += std::string(" ") + option.value;
-    return spec;
+    std::string form = name == "help" ? "-h, --help" : "--" + name;
+    if (option.value != nullptr) form += std::string(" ") + option.value;
+    return form;
 }
 
 // The options under their headings, the headings in the order they first appear.
@@ -73,7 +73,7 @@ std::string OptionList(const std::vector<OptionDeclaration>& options, const std:
     for (const std::string& heading : headings) {
         text += "\n" + heading + ":\n";
         for (const OptionDeclaration& option : options) {
-            if ((option.group != nullptr ? option.group : firstHeading) == heading) text += Entry(OptionSpec(option), option.help);
+            if ((option.group != nullptr ? option.group : firstHeading) == heading) text += Entry(OptionForm(option), option.help);
         }
     }
     return text;

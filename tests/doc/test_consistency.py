@@ -110,7 +110,7 @@ def fixed_values_of(text):
 
 
 def man_options(page_text, section_title):
-    return {name: spec for name, spec in MAN_OPTION.findall(section(page_text, section_title))}
+    return {name: form for name, form in MAN_OPTION.findall(section(page_text, section_title))}
 
 
 def bash_values():
