@@ -308,9 +308,8 @@ private:
                 ::setsockopt(watched[at].fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
             }
             if (error == 0 || error == ECONNREFUSED) {
-                Answer(at - kFirstProbe, error == 0 ? "TCP port " + std::to_string(m_targets[probe.index].bmc.port) + " (Redfish)"
-                                          : "TCP port " + std::to_string(m_targets[probe.index].bmc.port) +
-                                                " (Redfish; refused)");
+                const std::string port = "TCP port " + std::to_string(m_targets[probe.index].bmc.port);
+                Answer(at - kFirstProbe, port + (error == 0 ? " (Redfish)" : " (Redfish; refused)"));
             } else {
                 probe.tcp = Plexum::UniqueFd();  // no answer there; the ping may still get one
             }

@@ -79,10 +79,8 @@ void FleetRunner::Work() {
     bool arriving = true;
     while (const std::optional<size_t> index = m_scheduler.Take(arriving)) {
         arriving = false;
-        TargetOutcome outcome = RunOne(*index);
-        const size_t ended = *index;
-        Deliver(std::move(outcome), [&](const TargetOutcome& done) {
-            return m_scheduler.Ended(ended, done.Succeeded(), done.interrupted, done.credentials);
+        Deliver(RunOne(*index), [&](const TargetOutcome& done) {
+            return m_scheduler.Ended(*index, done.Succeeded(), done.interrupted, done.credentials);
         });
     }
 }

@@ -73,7 +73,6 @@ public:
 private:
     enum class State { Waiting, Ready, Started, Ended };
 
-    bool MayStartSome() const;
     std::optional<size_t> FirstStartable() const;
     bool Exhausted() const;
     // After any change: wakes a paused run that may go on, ends the run when
