@@ -11,10 +11,10 @@ import json
 import os
 import pty
 import re
-import select
 import signal
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
@@ -404,40 +404,57 @@ class Interrupt(FleetCase):
 
 
 class Progress(FleetCase):
-    def read_terminal(self, main):
-        """All a run wrote to the terminal whose controlling end is `main`, until it closed its end."""
-        terminal = b""
+    BOTH_RUNNING = "smmlan disable: 0/2 done, 0 failed, 2 running"
+
+    def disable_on_a_terminal(self, *extra, stdout_too=False):
+        """`disable` over two SMMs whose PATCHes are held until the progress line has shown both running.
+
+        Standard error goes to a terminal (and standard output too with stdout_too): gives (all the terminal
+        showed, standard output when it is no terminal, the SMMs). Nothing here waits on a clock: the changes are
+        released only once the line was drawn.
+        """
+        release = os.path.join(self.tmp, "release")
+        sims = self.start_sims([{"PASSWORD": PASSWORD, "INITIAL_STATUS": 1, "PATCH_HOLD": release}] * 2)
+        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config",
+                                 self.write_config(CONFIG), "smmlan", "disable"] + list(extra) + [
+                                     "--bmc", "admin@" + ",".join(s.address for s in sims)]
+        main, other = pty.openpty()
+        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
+                                   stdout=other if stdout_too else subprocess.PIPE, stderr=other)
+        os.close(other)
+        chunks = []
+        reader = threading.Thread(target=self.read_terminal, args=(main, chunks), daemon=True)
+        reader.start()
+        self.wait_for(lambda: self.BOTH_RUNNING.encode() in b"".join(chunks) or not reader.is_alive(),
+                      "the progress line with both SMMs running")
+        with open(release, "w", encoding="utf-8"):
+            pass
+        stdout = "" if stdout_too else process.stdout.read().decode()
+        if not stdout_too:
+            process.stdout.close()
+        self.assertEqual(process.wait(HANG_GUARD), 0)
+        reader.join(HANG_GUARD)
+        self.assertFalse(reader.is_alive(), "the terminal was not closed")
+        return b"".join(chunks).decode(), stdout, sims
+
+    @staticmethod
+    def read_terminal(main, chunks):
+        """Adds to `chunks` all a run writes to the terminal whose controlling end is `main`, until it closes its end."""
         while True:
-            ready, _, _ = select.select([main], [], [], HANG_GUARD)
-            self.assertTrue(ready, "nothing on the terminal")
             try:
                 chunk = os.read(main, 4096)
             except OSError:  # the process closed its end
                 break
             if not chunk:
                 break
-            terminal += chunk
+            chunks.append(chunk)
         os.close(main)
-        return terminal
 
     def test_progress_line_on_a_terminal_only(self):
-        sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "STATUS_DELAY_READS": 2}] * 2)
-        config = self.write_config(CONFIG)
-        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config", config, "smmlan",
-                                 "disable", "--bmc", "admin@" + ",".join(s.address for s in sims)]
-        main, other = pty.openpty()
-        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
-                                   stdout=subprocess.PIPE, stderr=other)
-        os.close(other)
-        terminal = self.read_terminal(main)
-        stdout = process.stdout.read().decode()
-        process.stdout.close()
-        self.assertEqual(process.wait(HANG_GUARD), 0)
-        text = terminal.decode()
+        text, stdout, _ = self.disable_on_a_terminal()
         drawn = re.findall(r"\r\x1b\[K(smmlan disable: \d/2 done, \d failed, \d running), (\d+:\d\d) elapsed", text)
         counts = [count for count, _ in drawn]
-        # Each SMM polls for two seconds at least: the line shows both running at some point.
-        self.assertIn("smmlan disable: 0/2 done, 0 failed, 2 running", counts)
+        self.assertIn(self.BOTH_RUNNING, counts)
         self.assertTrue(set(counts) <= {"smmlan disable: %d/2 done, 0 failed, %d running" % (d, r)
                                         for d in range(3) for r in range(3 - d)}, counts)
         # The clock only goes forward (how far depends on the machine).
@@ -445,30 +462,22 @@ class Progress(FleetCase):
         self.assertEqual(seconds, sorted(seconds))
         # Removed at the end: the terminal is left with an empty line.
         self.assertTrue(text.endswith("\r\x1b[K"), repr(text[-80:]))
-        self.assertTrue(stdout.endswith("smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n"))
+        self.assertTrue(stdout.endswith("smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n"), stdout)
         self.assertNotIn("\x1b", stdout)
 
     def test_the_table_comes_whole_after_the_last_progress_line(self):
-        sims = self.start_sims([{"PASSWORD": PASSWORD, "REDFISH": "off", "STATUS_DELAY_READS": 2}] * 2)
-        config = self.write_config(CONFIG)
-        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", os.path.join(self.tmp, "log"), "--config", config, "smmlan",
-                                 "disable", "--output", "table", "--bmc", "admin@" + ",".join(s.address for s in sims)]
         # Standard output and error on one terminal, as an administrator sees them.
-        main, other = pty.openpty()
-        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
-                                   stdout=other, stderr=other)
-        os.close(other)
-        terminal = self.read_terminal(main)
-        self.assertEqual(process.wait(HANG_GUARD), 0)
-        text = terminal.decode().replace("\r\n", "\n")
-        self.assertRegex(text, r"smmlan disable: 0/2 done, 0 failed, 2 running, \d+:\d\d elapsed")
+        text, _, sims = self.disable_on_a_terminal("--output", "table", stdout_too=True)
+        text = text.replace("\r\n", "\n")
+        self.assertIn(self.BOTH_RUNNING, text)
         # The last progress line is wiped, then the table and the summary follow with no control byte in them.
         table = text[text.rindex("\r\x1b[K") + len("\r\x1b[K"):]
         width = max(len(s.address) for s in sims)
-        # No address is read by a disable: IPV4 is as wide as its header.
-        self.assertEqual(table, "".join("%-*s  %-8s  %-8s  %-13s  %-4s  %s\n" % ((width,) + row) for row in
+        # A disable over Redfish reads the whole state back.
+        self.assertEqual(table, "".join("%-*s  %-8s  %-8s  %-13s  %-11s  %s\n" % ((width,) + row) for row in
                                         [("TARGET", "PROTOCOL", "NETWORK", "IPMI-OVER-LAN", "IPV4", "RESULT")] +
-                                        [(s.address, "ipmi", "disabled", "disabled", "-", "0 Succeed.") for s in sims]) +
+                                        [(s.address, "redfish", "disabled", "disabled", "192.0.2.100", "0 Succeed.")
+                                         for s in sims]) +
                          "smmlan disable: 2 SMMs, 2 succeeded, 0 failed\n")
 
     def test_no_progress_when_standard_error_is_no_terminal(self):
