@@ -2,10 +2,8 @@
 #include "fleet/Fleet.h"
 
 #include <poll.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <sys/resource.h>
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +20,7 @@
 #include "fleet/FleetLog.h"
 #include "fleet/FleetReport.h"
 #include "fleet/FleetRunner.h"
+#include "fleet/Interrupts.h"
 #include "fleet/RetryFile.h"
 #include "host/Clock.h"
 #include "host/ExitStatus.h"
@@ -31,48 +30,6 @@
 
 namespace Fleet {
 namespace {
-
-// SIGINT and SIGTERM as readable events instead of handlers. Blocked for the
-// calling thread before any worker starts, so every worker inherits the block
-// and only the signal descriptor sees them. They stay blocked until the process
-// ends: a late one must not kill a run that is writing its summary. A signal
-// the process was started with ignored (a background job's SIGINT) stays ignored.
-class InterruptWatch {
-public:
-    InterruptWatch() : m_fd(Open()) {}
-    int Fd() const { return m_fd.Get(); }
-    // The signal that arrived, or 0.
-    int Take() const {
-        signalfd_siginfo info{};
-        const ssize_t got = ::read(m_fd.Get(), &info, sizeof info);
-        return got == static_cast<ssize_t>(sizeof info) ? static_cast<int>(info.ssi_signo) : 0;
-    }
-
-private:
-    static int Open() {
-        sigset_t set;
-        sigemptyset(&set);
-        for (const int number : {SIGINT, SIGTERM}) {
-            struct sigaction current {};
-            if (::sigaction(number, nullptr, &current) == 0 && current.sa_handler == SIG_IGN) continue;
-            sigaddset(&set, number);
-        }
-        pthread_sigmask(SIG_BLOCK, &set, nullptr);
-        return ::signalfd(-1, &set, SFD_CLOEXEC);
-    }
-    Plexum::UniqueFd m_fd;
-};
-
-// Ends the process the way the signal would have, at once.
-[[noreturn]] void EndBySignal(int number) {
-    static_cast<void>(std::signal(number, SIG_DFL));
-    sigset_t set;
-    sigemptyset(&set);
-    sigaddset(&set, number);
-    pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-    static_cast<void>(::raise(number));
-    ::_exit(128 + number);
-}
 
 // The status line on a terminal's standard error, redrawn in place.
 class ProgressLine {
