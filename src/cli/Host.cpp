@@ -2,15 +2,20 @@
 #include "cli/Host.h"
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "cli/ArgvScrub.h"
@@ -28,6 +33,7 @@
 #include "common/result/ResultCodes.h"
 #include "fleet/Detector.h"
 #include "fleet/Fleet.h"
+#include "fleet/Interrupts.h"
 #include "fleet/RetryFile.h"
 #include "fleet/TargetList.h"
 #include "host/ConsoleReport.h"
@@ -333,6 +339,46 @@ std::string DefaultLogFilePath(const Plexum::UserLookup& user) {
 
 namespace {
 
+// Runs `run` with SIGINT and SIGTERM ending its next wait instead of the
+// process, so that a Redfish session it opened is logged out; the process then
+// ends by the signal as it would have. A second SIGINT ends it at once.
+int RunLoggingOutOnSignals(const std::function<int()>& run) {
+    Fleet::InterruptWatch interrupts;  // before the watcher starts: every thread inherits the block
+    const Plexum::UniqueFd done(::eventfd(0, EFD_CLOEXEC));
+    if (interrupts.Fd() < 0 || done.Get() < 0) return run();
+    Plexum::StopSignal stop;
+    int caught = 0;  // the watcher's until it is joined
+    std::thread watcher([&] {
+        for (;;) {
+            pollfd watched[2] = {{interrupts.Fd(), POLLIN, 0}, {done.Get(), POLLIN, 0}};
+            if ((::poll(watched, 2, -1) < 0 && errno != EINTR) || watched[1].revents != 0) return;
+            const int number = (watched[0].revents & POLLIN) != 0 ? interrupts.Take() : 0;
+            if (number == 0) continue;
+            if (caught != 0 && number == SIGINT) Fleet::EndBySignal(SIGINT);
+            if (caught != 0) continue;
+            caught = number;
+            PLEXUM_LOG(2, HostLog::kSource, HostLog::kStopSignal) << "signal " << number << ": the run ends at its next wait";
+            stop.Request();
+        }
+    });
+    int status = 0;
+    {
+        Plexum::RunContext context(&stop);
+        const Plexum::ScopedRunContext installed(context);
+        try {
+            status = run();
+        } catch (const Plexum::RunInterrupted&) {
+            PLEXUM_LOG(2, HostLog::kSource, HostLog::kInterrupted)
+                << "interrupted" << (context.ChangeSent() ? " after a change was sent" : "");
+        }
+    }
+    const uint64_t one = 1;
+    static_cast<void>(::write(done.Get(), &one, sizeof one));
+    watcher.join();
+    if (caught != 0) Fleet::EndBySignal(caught);
+    return status;
+}
+
 // One SMM, run straight on this thread: its console lines and result line go
 // to the streams as they come. Asked first when --detect-timeout says so.
 int RunOneTarget(const ModuleLoader& loader, UserContext& context, Target& target, const RunSettings& settings,
@@ -354,9 +400,14 @@ int RunOneTarget(const ModuleLoader& loader, UserContext& context, Target& targe
         target.bmc.password = *answer.password;
         target.bmc.hasPassword = true;
     }
-    settings.ApplyTo(Plexum::RunContext::Current(), target);
     context.options["bmc"] = target.BmcText();
-    return RunModule(loader, context, caseNote);
+    const auto run = [&] {
+        settings.ApplyTo(Plexum::RunContext::Current(), target);
+        return RunModule(loader, context, caseNote);
+    };
+    // A session left open can lock the next user out until the service's own time-out.
+    if (settings.redfishAuth == Plexum::RedfishAuth::Session) return RunLoggingOutOnSignals(run);
+    return run();
 }
 
 int RunCommandLine(int argc, char** argv) {

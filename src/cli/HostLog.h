@@ -28,6 +28,8 @@ constexpr int kModule = 262;
 constexpr int kSubcommandNote = 301;
 constexpr int kUnreachable = 302;
 using Fleet::FleetLog::kModuleFailure;
+using Fleet::FleetLog::kStopSignal;
+using Fleet::FleetLog::kInterrupted;
 using Fleet::FleetLog::kTargets;
 }  // namespace HostLog
 

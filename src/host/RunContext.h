@@ -130,6 +130,8 @@ class RunContext {
 public:
     // The direct kind.
     RunContext() = default;
+    // The direct kind whose waits end when `stop` is requested.
+    explicit RunContext(StopSignal* stop) : m_stop(stop) {}
     // The buffered kind: console lines are kept, log records carry `label`,
     // waits end when `stop` (optional) is requested.
     RunContext(std::string label, StopSignal* stop);
