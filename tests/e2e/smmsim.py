@@ -27,6 +27,7 @@ import os
 import random
 import shlex
 import shutil
+import signal
 import socket
 import ssl
 import subprocess
@@ -81,6 +82,11 @@ def scaled(seconds):
 # How long a test waits for something that must happen before it gives up: a
 # guard against a hang, far beyond any machine's speed, never a bound on it.
 HANG_GUARD = 600
+
+# A test process started with SIGINT ignored (a background job of a shell without job control) would hand that
+# on to every morvel it starts, and morvel keeps an ignored SIGINT ignored: the interrupt tests need SIGINT as a
+# terminal delivers it. A handled signal is back to its default in the programs started.
+signal.signal(signal.SIGINT, signal.default_int_handler)
 
 
 def peak_rss_bound_kib(plain_mib, instrumented_mib):
