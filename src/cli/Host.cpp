@@ -369,7 +369,7 @@ int RunLoggingOutOnSignals(const std::function<int()>& run) {
             status = run();
         } catch (const Plexum::RunInterrupted&) {
             PLEXUM_LOG(2, HostLog::kSource, HostLog::kInterrupted)
-                << "interrupted" << (context.ChangeSent() ? " after a change was sent" : "");
+                << Fleet::InterruptedNote(context.ChangeSent());
         }
     }
     const uint64_t one = 1;

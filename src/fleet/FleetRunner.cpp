@@ -5,6 +5,7 @@
 
 #include "common/result/ResultCodes.h"
 #include "fleet/FleetLog.h"
+#include "fleet/Interrupts.h"
 #include "host/Clock.h"
 #include "host/Log.h"
 #include "host/Text.h"
@@ -132,7 +133,7 @@ TargetOutcome FleetRunner::RunOne(size_t index) {
         } catch (const Plexum::RunInterrupted&) {
             outcome.interrupted = true;
             PLEXUM_LOG(2, FleetLog::kSource, FleetLog::kInterrupted)
-                << "interrupted" << (run.ChangeSent() ? " after a change was sent" : "");
+                << InterruptedNote(run.ChangeSent());
         }
         // The target's copy holds its password: gone with it.
     }

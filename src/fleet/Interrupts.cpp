@@ -33,6 +33,10 @@ int InterruptWatch::Take() const {
     return got == static_cast<ssize_t>(sizeof info) ? static_cast<int>(info.ssi_signo) : 0;
 }
 
+std::string InterruptedNote(bool changeSent) {
+    return changeSent ? "interrupted after a change was sent" : "interrupted";
+}
+
 void EndBySignal(int number) {
     static_cast<void>(std::signal(number, SIG_DFL));
     sigset_t set;

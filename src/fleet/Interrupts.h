@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
+#include <string>
+
 #include "host/Files.h"
 
 namespace Fleet {
@@ -21,6 +23,9 @@ public:
 private:
     Plexum::UniqueFd m_fd;
 };
+
+// The log text of a run a signal stopped at one of its waits.
+std::string InterruptedNote(bool changeSent);
 
 // Ends the process the way the signal would have, at once.
 [[noreturn]] void EndBySignal(int number);

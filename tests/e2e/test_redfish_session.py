@@ -218,19 +218,21 @@ class Interrupted(SessionCase):
         self.assertNotIn(PASSWORD.encode(), stdout)
 
 
+    def enable_in_background(self, sim, config, log):
+        """`enable` of one SMM under a session, started and left running: the process."""
+        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log, "--config", self.write_config(config), "smmlan", "enable",
+                                 "--redfish-auth", "session", "--bmc", "admin@" + sim.address]
+        return subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
     def test_one_smm_stopped_by_a_signal_logs_out_and_ends_by_it(self):
         # The PATCH is answered 503 and the run waits to ask again: the signal ends that wait, the session is
         # deleted, and the process ends by the signal as it always did.
         for number in (signal.SIGINT, signal.SIGTERM):
             with self.subTest(signal=number):
                 sim = self.start_sims([dict(SESSION_ONLY, INITIAL_STATUS=2, PATCH_STATUS=503)])[0]
-                config = self.write_config(dict(CONFIG, REDFISH_STARTUP_WAIT_TIME="100000"))
                 log = os.path.join(self.tmp, "log-%d" % number)
-                argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log, "--config", config, "smmlan", "enable",
-                                         "--redfish-auth", "session", "--bmc", "admin@" + sim.address]
-                process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR,
-                                                               "MORVEL_BMC_PASSWORD": PASSWORD}),
-                                           stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+                process = self.enable_in_background(sim, dict(CONFIG, REDFISH_STARTUP_WAIT_TIME="100000"), log)
                 self.wait_for(lambda: ("PATCH", CHASSIS, redfish.ENABLE_BODY) in sim.redfish_requests()
                               or process.poll() is not None, "the PATCH")
                 process.send_signal(number)
@@ -243,17 +245,13 @@ class Interrupted(SessionCase):
                 with open(log, encoding="utf-8") as f:
                     self.assertIn("interrupted after a change was sent", f.read())
 
-
     def test_a_second_sigint_ends_one_smm_at_once(self):
         # The PATCH is held, so the first SIGINT can only wait for it; the second ends the process there.
         release = os.path.join(self.tmp, "release")
         sim = self.start_sims([dict(SESSION_ONLY, INITIAL_STATUS=2, PATCH_HOLD=release)])[0]
         self.addCleanup(sim.release_patches)
         log = os.path.join(self.tmp, "log")
-        argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log, "--config", self.write_config(CONFIG), "smmlan",
-                                 "enable", "--redfish-auth", "session", "--bmc", "admin@" + sim.address]
-        process = subprocess.Popen(argv, env=self.env({"MORVEL_MODULE_PATH": MODULE_DIR, "MORVEL_BMC_PASSWORD": PASSWORD}),
-                                   stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        process = self.enable_in_background(sim, CONFIG, log)
         self.wait_for(lambda: sim.holds() or process.poll() is not None, "the held PATCH")
         process.send_signal(signal.SIGINT)
 
