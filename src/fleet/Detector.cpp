@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -246,6 +247,11 @@ private:
         SetPort(address, port);
         Plexum::UniqueFd socket(::socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
         if (socket.Get() < 0) return true;
+        // Holds back the last ACK of the handshake, so the reset that follows the
+        // SMM's SYN-ACK finds its connection not yet made: the service never
+        // accepts the probe, and its web server has nothing to do for it.
+        const int holdAck = 1;
+        static_cast<void>(::setsockopt(socket.Get(), IPPROTO_TCP, TCP_DEFER_ACCEPT, &holdAck, sizeof holdAck));
         if (::connect(socket.Get(), reinterpret_cast<const sockaddr*>(&address), LengthOf(address)) != 0 &&
             errno != EINPROGRESS) {
             return errno != ECONNREFUSED;
@@ -303,7 +309,7 @@ private:
             ::getsockopt(watched[at].fd, SOL_SOCKET, SO_ERROR, &error, &length);
             Probe& probe = m_probes[at - kFirstProbe];
             if (error == 0) {
-                // Closed with a reset: no closing handshake, and no TIME-WAIT left here per SMM.
+                // Closed with a reset: the SMM drops the half-made connection, and no TIME-WAIT is left here.
                 const linger abort{1, 0};
                 ::setsockopt(watched[at].fd, SOL_SOCKET, SO_LINGER, &abort, sizeof abort);
             }

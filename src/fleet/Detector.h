@@ -31,13 +31,14 @@ bool Detect(const Target& target, const DetectOptions& options);
 
 // Finds the targets that answer at all before any of them runs the whole
 // behaviour: one thread, one loop over non-blocking sockets, every probe under
-// way at once (up to maxProbes), so that dead targets cost about one bound
-// in all. A probe sends nothing the SMM has to authenticate: a TCP connection
-// that is closed at once, an RMCP presence ping (resent every second). The
-// verdict of each target comes as soon as it is known, from the detector's
-// thread: answered as soon as either counted port answers, unreachable once
-// the bound has passed. A host name that cannot be resolved gets "answered":
-// the whole behaviour then says what is wrong with it, as it always did.
+// way at once (up to maxProbes), so that dead targets cost about one bound in
+// all. A probe sends nothing the SMM has to authenticate: a TCP handshake reset
+// before its last ACK (the service never accepts it), an RMCP presence ping
+// (resent every second). The verdict of each target comes as soon as it is
+// known, from the detector's thread: answered as soon as either counted port
+// answers, unreachable once the bound has passed. A host name that cannot be
+// resolved gets "answered": the whole behaviour then says what is wrong with
+// it, as it always did.
 class Detector {
 public:
     using Verdict = std::function<void(size_t index, bool answered)>;
