@@ -217,7 +217,6 @@ class Interrupted(SessionCase):
                 self.assertEqual(sim.session_events(), [("created", "1", 1), ("deleted", "1", 0)])
         self.assertNotIn(PASSWORD.encode(), stdout)
 
-
     def enable_in_background(self, sim, config, log):
         """`enable` of one SMM under a session, started and left running: the process."""
         argv = MORVEL_WRAPPER + [MORVEL, "--log-file", log, "--config", self.write_config(config), "smmlan", "enable",

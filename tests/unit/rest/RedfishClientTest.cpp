@@ -17,6 +17,7 @@
 #include "host/RunContext.h"
 #include "support/ConnectProxy.h"
 #include "support/LogCapture.h"
+#include "support/LoopbackPort.h"
 #include "support/RecordingHttpsServer.h"
 #include "support/TestCertificate.h"
 #include "RestTestHelpers.h"
@@ -232,7 +233,7 @@ TEST_F(RedfishClientTest, TwoClientsOnTwoThreadsKeepTheirOwnSleepAndClock) {
 }
 
 TEST_F(RedfishClientTest, ConnectionFailureIsNotRetried) {
-    RestTest::RefusingPort port;
+    MorvelTest::LoopbackPort port;
     LogCapture log(4);
     auto client = MakeClient();
     ForbidSleeping(*client);

@@ -15,6 +15,7 @@
 #include "common/rest/RestClient.h"
 #include "host/GlobalConfig.h"
 #include "support/ConnectProxy.h"
+#include "support/LoopbackPort.h"
 #include "support/RecordingHttpsServer.h"
 #include "support/TestCertificate.h"
 #include "RestTestHelpers.h"
@@ -131,7 +132,7 @@ TEST_F(RestClientTransfer, NegativeTimeoutToleratesAShortStallAndSlowTrickle) {
 // ---- transfer failures -------------------------------------------------------
 
 TEST_F(RestClientTransfer, RefusedConnectionReportsCurlErrorText) {
-    RestTest::RefusingPort port;
+    MorvelTest::LoopbackPort port;
     RestClient client;
     client.SetCaInfo(CaFile());
     Response response = client.Get(port.Url("/x"));

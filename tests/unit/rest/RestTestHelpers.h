@@ -1,10 +1,6 @@
 // SPDX-License-Identifier: GPL-3.0-or-later
 #pragma once
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 #include <zlib.h>
 
 #include <gtest/gtest.h>
@@ -14,31 +10,6 @@
 #include <string>
 
 namespace RestTest {
-
-// A loopback port that refuses connections: bound, never listening, held until destruction.
-class RefusingPort {
-public:
-    RefusingPort() {
-        m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            throw std::runtime_error("cannot reserve a loopback port");
-        m_port = ntohs(address.sin_port);
-    }
-    ~RefusingPort() { ::close(m_fd); }
-    RefusingPort(const RefusingPort&) = delete;
-    RefusingPort& operator=(const RefusingPort&) = delete;
-    int Port() const { return m_port; }
-    std::string Url(const std::string& path) const { return "https://127.0.0.1:" + std::to_string(m_port) + path; }
-
-private:
-    int m_fd = -1;
-    int m_port = 0;
-};
 
 // Checks that `text` is exactly prefix, a decimal number within [low, high], suffix.
 inline ::testing::AssertionResult IsTextWithNumber(const std::string& text, const std::string& prefix, long low,
